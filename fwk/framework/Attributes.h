@@ -1,0 +1,356 @@
+// Per-attribute code generated from one declaration.
+//
+// An entity type lists its attributes once, in declaration order, as a list macro:
+//   #define KEL_ATTRS_Route(A) A(INPUT, key, Key, Routing::RouteKey)
+//     A(SCALAR, tag, Tag, std::uint32_t, 0) A(COLLECTION, via, Via, Routing::ViaKey, ViaPtr)
+// (one line per attribute, each ending in a backslash)
+// and puts KEL_ENTITY(Route, "Routing::Route", KEL_ATTRS_Route) in its class body. Kinds:
+//   SCALAR(name, Cap, Type, default)   value; name(), nameIs(v)
+//   POINTER(name, Cap, Type)           Kel::Ptr<const Type>; name(), nameIs(p)
+//   INPUT(name, Cap, Type)             constructor parameter, read-only; compared on
+//   reinstantiation COLLECTION(name, Cap, Key, Value)  name(k) (Value{} when absent), nameIs(k, v),
+//   nameDel(k),
+//                                      nameDelAll(), nameIterator(), nameCount(), nameCollection()
+//   CHILD(name, Cap, Type)             owned child; nameIs(params...) instantiates, nameDel(),
+//                                      newCap(params...) builds one without storing it
+//   CHILDREN(name, Cap, Key, Type)     keyed owned reactors; nameIs(k, params...) returns the
+//   member
+//                                      with equal parameters or raises Kel::NameInUseException
+//   NOTIFIEES(name, Cap, Key, Adapter, Watched)  keyed adapters made from Ptr<const Watched>, keyed
+//                                      by the watched entity's key(); null raises
+//                                      Kel::RangeException
+//   HANDLER(name, Cap)                 a hand-written operation; appears in the table only
+// Mutators of values notify only when the value changes; collection mutators notify with the key
+// (nameDelAll once per key). The nested Notifiee has onCap() for single attributes, onCap(key)
+// and onCapkelImmediate() for keyed ones; all do nothing unless overridden.
+// INPUT attributes must be initialised by the type's constructor (kelInputsIs(params...) sets them
+// all, in order). Types with commas (templates) must be given an alias first.
+#pragma once
+
+#include <memory>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "fwk/framework/Entity.h"
+#include "fwk/framework/Exception.h"
+#include "fwk/framework/HashMap.h"
+
+namespace Kel {
+
+template <class T>
+struct IsPtr : std::false_type {};
+template <class T>
+struct IsPtr<Ptr<T>> : std::true_type {};
+
+// Text of a value in framework messages: an entity by its name, "None" for null.
+template <class T>
+std::string kelText(const T& v) {
+  std::ostringstream os;
+  os.precision(12);
+  if constexpr (IsPtr<T>::value) {
+    if (!v) return "None";
+    os << v->name();
+  } else if constexpr (std::is_pointer_v<T>) {
+    if (!v) return "None";
+    os << static_cast<const void*>(v);
+  } else if constexpr (std::is_same_v<T, bool>) {
+    os << (v ? "True" : "False");
+  } else if constexpr (std::is_integral_v<T> && sizeof(T) == 1) {
+    os << static_cast<int>(v);
+  } else {
+    os << v;
+  }
+  return os.str();
+}
+
+// Builds a reactor or entity and runs its handleInitialized (when it has one) before returning.
+template <class T, class... Args>
+Ptr<T> instantiate(Args&&... args) {
+  Ptr<T> p(new T(std::forward<Args>(args)...));
+  if constexpr (requires(T & t) { t.handleInitialized(); }) p->handleInitialized();
+  return p;
+}
+
+namespace detail {
+template <class Tuple, std::size_t... I, class... Args>
+void checkParams(const Tuple& have, const char* const* names, std::index_sequence<I...>,
+                 const Args&... args) {
+  std::string bad;
+  auto one = [&](auto idx, const auto& arg) {
+    constexpr std::size_t i = decltype(idx)::value;
+    using Stored = std::decay_t<std::tuple_element_t<i, Tuple>>;
+    Stored v(arg);
+    if (bad.empty() && !(std::get<i>(have) == v)) {
+      bad = std::string(
+                "Reinstantiating the pointer interface where constructor parameter "
+                "attribute _") +
+            names[i] + " has a different value of " + kelText(v) + " not allowed";
+    }
+  };
+  (one(std::integral_constant<std::size_t, I>{}, args), ...);
+  if (!bad.empty()) throw NameInUseException(bad);
+}
+}  // namespace detail
+
+// Raises the name-in-use exception when a parameter differs from the member's constructor input.
+template <class T, class... Args>
+void checkReinstantiation(const T& existing, const Args&... args) {
+  auto have = existing.kelCtorParams();
+  static_assert(std::tuple_size_v<decltype(have)> == sizeof...(Args),
+                "reinstantiation must pass every constructor parameter");
+  detail::checkParams(have, T::kelCtorParamNames(), std::index_sequence_for<Args...>{}, args...);
+}
+
+}  // namespace Kel
+
+// ---- dispatch by kind ----
+#define KEL_DISPATCH_(prefix, kind, ...) prefix##kind(__VA_ARGS__)
+
+// ---- notifiee callbacks ----
+#define KEL_CB_(kind, ...) KEL_DISPATCH_(KEL_CB_, kind, __VA_ARGS__)
+#define KEL_CB_SCALAR(name, Cap, ...) \
+  virtual void on##Cap() {}
+#define KEL_CB_POINTER(name, Cap, ...) \
+  virtual void on##Cap() {}
+#define KEL_CB_INPUT(name, Cap, ...)
+#define KEL_CB_HANDLER(name, Cap)
+#define KEL_CB_CHILD(name, Cap, ...) \
+  virtual void on##Cap() {}
+#define KEL_CB_KEYED_(Cap, Key)       \
+  virtual void on##Cap(const Key&) {} \
+  virtual void on##Cap##kelImmediate() {}
+#define KEL_CB_COLLECTION(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
+#define KEL_CB_CHILDREN(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
+#define KEL_CB_NOTIFIEES(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
+
+// ---- attribute table rows ----
+#define KEL_INFO_(kind, name, ...) {#name, 0, ::Kel::AttributeKind::KEL_KIND_##kind},
+#define KEL_KIND_SCALAR scalar
+#define KEL_KIND_POINTER pointer
+#define KEL_KIND_INPUT scalar
+#define KEL_KIND_COLLECTION collection
+#define KEL_KIND_CHILD child
+#define KEL_KIND_CHILDREN children
+#define KEL_KIND_NOTIFIEES notifiees
+#define KEL_KIND_HANDLER handler
+
+// ---- constructor inputs ----
+#define KEL_TIE_(kind, ...) KEL_DISPATCH_(KEL_TIE_, kind, __VA_ARGS__)
+#define KEL_TIE_INPUT(name, ...) std::tie(name##_),
+#define KEL_TIE_SCALAR(...)
+#define KEL_TIE_POINTER(...)
+#define KEL_TIE_COLLECTION(...)
+#define KEL_TIE_CHILD(...)
+#define KEL_TIE_CHILDREN(...)
+#define KEL_TIE_NOTIFIEES(...)
+#define KEL_TIE_HANDLER(...)
+#define KEL_PNAME_(kind, ...) KEL_DISPATCH_(KEL_PNAME_, kind, __VA_ARGS__)
+#define KEL_PNAME_INPUT(name, ...) #name,
+#define KEL_PNAME_SCALAR(...)
+#define KEL_PNAME_POINTER(...)
+#define KEL_PNAME_COLLECTION(...)
+#define KEL_PNAME_CHILD(...)
+#define KEL_PNAME_CHILDREN(...)
+#define KEL_PNAME_NOTIFIEES(...)
+#define KEL_PNAME_HANDLER(...)
+
+// ---- members ----
+#define KEL_MEMBER_(kind, ...) KEL_DISPATCH_(KEL_MEMBER_, kind, __VA_ARGS__)
+
+#define KEL_MEMBER_SCALAR(name, Cap, Type, Default) \
+ public:                                            \
+  const Type& name() const { return name##_; }      \
+  void name##Is(const Type& v) {                    \
+    if (name##_ == v) return;                       \
+    name##_ = v;                                    \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });    \
+  }                                                 \
+                                                    \
+ private:                                           \
+  Type name##_ = Default;
+
+#define KEL_MEMBER_POINTER(name, Cap, Type)                      \
+ public:                                                         \
+  const ::Kel::Ptr<const Type>& name() const { return name##_; } \
+  void name##Is(const ::Kel::Ptr<const Type>& v) {               \
+    if (name##_ == v) return;                                    \
+    name##_ = v;                                                 \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });                 \
+  }                                                              \
+                                                                 \
+ private:                                                        \
+  ::Kel::Ptr<const Type> name##_;
+
+#define KEL_MEMBER_INPUT(name, Cap, Type)      \
+ public:                                       \
+  const Type& name() const { return name##_; } \
+                                               \
+ private:                                      \
+  Type name##_{};
+
+#define KEL_MEMBER_HANDLER(name, Cap)
+
+#define KEL_MEMBER_COLLECTION(name, Cap, Key, Value)                                               \
+ public:                                                                                           \
+  Value name(const Key& k) const {                                                                 \
+    const Value* v = name##_.find(k);                                                              \
+    return v ? *v : Value{};                                                                       \
+  }                                                                                                \
+  void name##Is(const Key& k, const Value& v) {                                                    \
+    if (const Value* old = name##_.find(k); old && *old == v) return;                              \
+    name##_.insert(k, v);                                                                          \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
+  }                                                                                                \
+  void name##Del(const Key& k) {                                                                   \
+    if (!name##_.erase(k)) return;                                                                 \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
+  }                                                                                                \
+  void name##DelAll() {                                                                            \
+    for (auto it = name##_.begin(); it; ++it) {                                                    \
+      const Key k = it.key();                                                                      \
+      name##Del(k);                                                                                \
+    }                                                                                              \
+  }                                                                                                \
+  /* Tells every notifiee to rescan the whole collection. */                                       \
+  void name##Resync() const {                                                                      \
+    kelNotify([](Notifiee& n) { n.on##Cap##kelImmediate(); });                                     \
+  }                                                                                                \
+  typename ::Kel::HashMap<Key, Value>::Iterator name##Iterator() const { return name##_.begin(); } \
+  std::size_t name##Count() const { return name##_.size(); }                                       \
+  const ::Kel::HashMap<Key, Value>& name##Collection() const { return name##_; }                   \
+                                                                                                   \
+ private:                                                                                          \
+  ::Kel::HashMap<Key, Value> name##_;
+
+#define KEL_MEMBER_CHILD(name, Cap, Type)                                       \
+ public:                                                                        \
+  const ::Kel::Ptr<Type>& name() const { return name##_; }                      \
+  template <class... Args>                                                      \
+  ::Kel::Ptr<Type> name##Is(Args&&... args) {                                   \
+    ::Kel::Ptr<Type> c = ::Kel::instantiate<Type>(std::forward<Args>(args)...); \
+    name##_ = c;                                                                \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });                                \
+    return c;                                                                   \
+  }                                                                             \
+  template <class... Args>                                                      \
+  static ::Kel::Ptr<Type> new##Cap(Args&&... args) {                            \
+    return ::Kel::instantiate<Type>(std::forward<Args>(args)...);               \
+  }                                                                             \
+  void name##Del() {                                                            \
+    if (!name##_) return;                                                       \
+    ::Kel::Ptr<Type> old = std::move(name##_);                                  \
+    name##_ = nullptr;                                                          \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });                                \
+  }                                                                             \
+                                                                                \
+ private:                                                                       \
+  ::Kel::Ptr<Type> name##_;
+
+#define KEL_MEMBER_CHILDREN(name, Cap, Key, Type)                                   \
+ public:                                                                            \
+  ::Kel::Ptr<Type> name(const Key& k) const {                                       \
+    const ::Kel::Ptr<Type>* v = name##_.find(k);                                    \
+    return v ? *v : ::Kel::Ptr<Type>();                                             \
+  }                                                                                 \
+  template <class... Args>                                                          \
+  ::Kel::Ptr<Type> name##Is(const Key& k, const Args&... args) {                    \
+    if (const ::Kel::Ptr<Type>* have = name##_.find(k)) {                           \
+      ::Kel::checkReinstantiation(**have, k, args...);                              \
+      return *have;                                                                 \
+    }                                                                               \
+    ::Kel::Ptr<Type> c = ::Kel::instantiate<Type>(k, args...);                      \
+    name##_.insert(k, c);                                                           \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                 \
+    return c;                                                                       \
+  }                                                                                 \
+  void name##Del(const Key& k) {                                                    \
+    ::Kel::Ptr<Type> old = name(k);                                                 \
+    if (!name##_.erase(k)) return;                                                  \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                 \
+  }                                                                                 \
+  typename ::Kel::HashMap<Key, ::Kel::Ptr<Type>>::Iterator name##Iterator() const { \
+    return name##_.begin();                                                         \
+  }                                                                                 \
+  std::size_t name##Count() const { return name##_.size(); }                        \
+                                                                                    \
+ private:                                                                           \
+  ::Kel::HashMap<Key, ::Kel::Ptr<Type>> name##_;
+
+#define KEL_MEMBER_NOTIFIEES(name, Cap, Key, Adapter, Watched)                               \
+ public:                                                                                     \
+  Adapter* name(const Key& k) const {                                                        \
+    const std::unique_ptr<Adapter>* v = name##_.find(k);                                     \
+    return v ? v->get() : nullptr;                                                           \
+  }                                                                                          \
+  Adapter* name##Is(const ::Kel::Ptr<const Watched>& kelW) {                                 \
+    if (!kelW) {                                                                             \
+      throw ::Kel::RangeException(std::string("null _" #name " parameter to mutator for ") + \
+                                  kelTypeName() + "::" #name " not allowed\"");              \
+    }                                                                                        \
+    const Key k = kelW->key();                                                               \
+    if (Adapter* have = name(k); have && have->notifier() == kelW) return have;              \
+    Adapter* a = name##_.insert(k, std::make_unique<Adapter>(this, kelW)).first->get();      \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
+    return a;                                                                                \
+  }                                                                                          \
+  void name##Del(const Key& k) {                                                             \
+    if (!name##_.erase(k)) return;                                                           \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
+  }                                                                                          \
+  typename ::Kel::HashMap<Key, std::unique_ptr<Adapter>>::Iterator name##Iterator() const {  \
+    return name##_.begin();                                                                  \
+  }                                                                                          \
+  std::size_t name##Count() const { return name##_.size(); }                                 \
+                                                                                             \
+ private:                                                                                    \
+  ::Kel::HashMap<Key, std::unique_ptr<Adapter>> name##_;
+
+// ---- the whole entity body ----
+#define KEL_ENTITY(Class, QualifiedName, LIST)                                         \
+ public:                                                                               \
+  class Notifiee : public ::Kel::NotifieeBase {                                        \
+   public:                                                                             \
+    Notifiee() = default;                                                              \
+    ~Notifiee() override { notifierBaseIs(nullptr); }                                  \
+    const ::Kel::Ptr<const Class>& notifier() const { return kelNotifier_; }           \
+    void notifierIs(const ::Kel::Ptr<const Class>& n) {                                \
+      if (n == kelNotifier_) return;                                                   \
+      ::Kel::Ptr<const Class> keep = kelNotifier_;                                     \
+      kelNotifier_ = n;                                                                \
+      notifierBaseIs(n.ptr());                                                         \
+    }                                                                                  \
+    LIST(KEL_CB_)                                                                      \
+   private:                                                                            \
+    ::Kel::Ptr<const Class> kelNotifier_;                                              \
+  };                                                                                   \
+  static const char* kelTypeName() { return QualifiedName; }                           \
+  static const std::vector<::Kel::AttributeInfo>& kelAttributes() {                    \
+    static const std::vector<::Kel::AttributeInfo> table = [] {                        \
+      std::vector<::Kel::AttributeInfo> t = {LIST(KEL_INFO_)};                         \
+      for (unsigned i = 0; i < t.size(); ++i) t[i].id = i;                             \
+      return t;                                                                        \
+    }();                                                                               \
+    return table;                                                                      \
+  }                                                                                    \
+  auto kelCtorParams() const { return std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()); } \
+  static const char* const* kelCtorParamNames() {                                      \
+    static const char* const names[] = {LIST(KEL_PNAME_) nullptr};                     \
+    return names;                                                                      \
+  }                                                                                    \
+                                                                                       \
+ protected:                                                                            \
+  template <class... Args>                                                             \
+  void kelInputsIs(Args&&... args) {                                                   \
+    std::apply([&](auto&... field) { ((field = std::forward<Args>(args)), ...); },     \
+               std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()));                         \
+  }                                                                                    \
+  template <class F>                                                                   \
+  void kelNotify(F&& f) const {                                                        \
+    deliver<Notifiee>(f);                                                              \
+  }                                                                                    \
+  LIST(KEL_MEMBER_)                                                                    \
+ public:

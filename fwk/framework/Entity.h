@@ -1,0 +1,48 @@
+// Kel::Entity: a named, reference-counted object with typed attributes and a list of notifiees.
+// Entity types declare their attributes once, in a list macro, and KEL_ENTITY (Attributes.h)
+// generates from it the storage, accessors, mutators, deleters, the nested Notifiee with one
+// callback per attribute, and the attribute table used for introspection. Entities are always
+// owned by Kel::Ptr; Entity::liveCount() counts the entities alive in the process, so tests can
+// show that a teardown released everything.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "fwk/framework/Name.h"
+#include "fwk/framework/Notifiee.h"
+#include "fwk/framework/Ptr.h"
+
+namespace Kel {
+
+enum class AttributeKind { scalar, pointer, child, collection, children, notifiees, handler };
+
+// One row of a type's attribute table: the name, the id (its position in the declaration) and
+// the kind. The generic attribute interface is built on these tables.
+struct AttributeInfo {
+  const char* name;
+  unsigned id;
+  AttributeKind kind;
+};
+
+class Entity : public PtrInterface, public NotifierBase {
+ public:
+  const Name& name() const { return name_; }
+  // Kept by the framework for the state database's lifecycle; the module's logic ignores it.
+  bool isNondestructing() const { return isNondestructing_; }
+  void isNondestructingIs(bool v) { isNondestructing_ = v; }
+
+  static long liveCount() { return live_; }
+
+ protected:
+  explicit Entity(Name name) : name_(std::move(name)) { ++live_; }
+  ~Entity() override { --live_; }
+
+ private:
+  Name name_;
+  bool isNondestructing_ = false;
+  static inline long live_ = 0;
+};
+
+}  // namespace Kel
