@@ -1,0 +1,203 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fwk/framework/Attributes.h"
+#include "fwk/framework/Dir.h"
+
+namespace {
+
+std::vector<std::string> events;
+
+class Watched : public Kel::Entity {
+ public:
+#define KEL_ATTRS_Watched(A)            \
+  A(INPUT, key, Key, int)               \
+  A(SCALAR, tag, Tag, std::uint32_t, 0) \
+  A(POINTER, peer, Peer, Watched)       \
+  A(COLLECTION, member, Member, int, bool)
+  KEL_ENTITY(Watched, "Test::Watched", KEL_ATTRS_Watched)
+  explicit Watched(int k) : Kel::Entity("w" + std::to_string(k)) { kelInputsIs(k); }
+};
+
+// A notifiee whose reaction to a change is set by each test.
+struct Probe : Watched::Notifiee {
+  std::string label;
+  std::function<void()> onTagAction;
+  explicit Probe(std::string l, const Kel::Ptr<const Watched>& w) : label(std::move(l)) {
+    notifierIs(w);
+  }
+  void onTag() override {
+    events.push_back(label + ".tag");
+    if (onTagAction) onTagAction();
+  }
+  void onPeer() override { events.push_back(label + ".peer"); }
+  void onMember(const int& k) override { events.push_back(label + ".member" + std::to_string(k)); }
+};
+
+class Owner;
+struct KelWatched : Watched::Notifiee {
+  KelWatched(Owner*, const Kel::Ptr<const Watched>& w) { notifierIs(w); }
+};
+
+class Child : public Kel::Entity {
+ public:
+#define KEL_ATTRS_Child(A)                            \
+  A(INPUT, childName, ChildName, std::string)         \
+  A(INPUT, ifIndex, IfIndex, std::uint32_t)           \
+  A(INPUT, watched, Watched, Kel::Ptr<const Watched>) \
+  A(SCALAR, initialized, Initialized, bool, false)
+  KEL_ENTITY(Child, "Test::Child", KEL_ATTRS_Child)
+  Child(const std::string& n, std::uint32_t ifIndex, Kel::Ptr<const Watched> w) : Kel::Entity(n) {
+    kelInputsIs(n, ifIndex, std::move(w));
+  }
+  void handleInitialized() { initializedIs(true); }
+};
+
+class Owner : public Kel::Entity {
+ public:
+#define KEL_ATTRS_Owner(A)                                 \
+  A(CHILDREN, child, Child, std::string, Child)            \
+  A(NOTIFIEES, watched, Watched, int, KelWatched, Watched) \
+  A(CHILD, single, Single, Child)
+  KEL_ENTITY(Owner, "Test::Owner", KEL_ATTRS_Owner)
+  Owner() : Kel::Entity("owner") {}
+};
+
+TEST(Notification, UnchangedValueDeliversNothingAndChangesDeliverInRegistrationOrder) {
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  Probe a("a", w), b("b", w);
+  w->tagIs(0);
+  w->peerIs(nullptr);
+  w->memberDel(5);
+  EXPECT_TRUE(events.empty());
+  w->tagIs(3);
+  w->tagIs(3);
+  w->memberIs(5, true);
+  w->memberIs(5, true);
+  w->memberDelAll();
+  EXPECT_EQ(events, (std::vector<std::string>{"a.tag", "b.tag", "a.member5", "b.member5",
+                                              "a.member5", "b.member5"}));
+}
+
+TEST(Notification, NotifieeRegisteredDuringDeliveryWaitsForNextChange) {
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  std::unique_ptr<Probe> late;
+  Probe a("a", w);
+  Probe b("b", w);
+  a.onTagAction = [&] {
+    if (!late) late = std::make_unique<Probe>("late", w);
+  };
+  w->tagIs(1);
+  EXPECT_EQ(events, (std::vector<std::string>{"a.tag", "b.tag"}));
+  events.clear();
+  w->tagIs(2);
+  EXPECT_EQ(events, (std::vector<std::string>{"a.tag", "b.tag", "late.tag"}));
+}
+
+TEST(Notification, NotifieeDestroyedOrSilencedDuringDeliveryIsNotCalled) {
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  auto a = std::make_unique<Probe>("a", w);
+  auto b = std::make_unique<Probe>("b", w);
+  auto c = std::make_unique<Probe>("c", w);
+  a->onTagAction = [&] {
+    b.reset();
+    c->hasNotificationActiveIs(false);
+  };
+  w->tagIs(1);
+  EXPECT_EQ(events, std::vector<std::string>{"a.tag"});
+  events.clear();
+  c->hasNotificationActiveIs(true);
+  a->isRegisteredNotifieeIs(false);
+  w->tagIs(2);
+  EXPECT_EQ(events, std::vector<std::string>{"c.tag"});
+  a->isRegisteredNotifieeIs(true);
+  events.clear();
+  w->tagIs(3);
+  EXPECT_EQ(events, (std::vector<std::string>{"c.tag", "a.tag"}));
+}
+
+TEST(Notification, NotifierIsMovesTheRegistrationAndKeepsTheNotifierAlive) {
+  events.clear();
+  const long before = Kel::Entity::liveCount();
+  {
+    auto w1 = Kel::make<Watched>(1);
+    auto w2 = Kel::make<Watched>(2);
+    Probe p("p", w1);
+    p.notifierIs(w2);
+    w1->tagIs(1);
+    w2->tagIs(1);
+    EXPECT_EQ(events, std::vector<std::string>{"p.tag"});
+    Watched* raw = w2.ptr();
+    w2 = nullptr;  // the notifiee's reference keeps it
+    EXPECT_EQ(raw->references(), 1);
+    EXPECT_EQ(p.notifier()->name().string(), "w2");
+  }
+  EXPECT_EQ(Kel::Entity::liveCount(), before);
+}
+
+TEST(Instantiation, ReinstantiatingWithEqualParametersReturnsTheMemberAndDifferentOnesRaise) {
+  const long before = Kel::Entity::liveCount();
+  {
+    auto owner = Kel::make<Owner>();
+    auto w = Kel::make<Watched>(1);
+    auto c = owner->childIs("eth0", 4u, w);
+    EXPECT_TRUE(c->initialized()) << "the creator runs handleInitialized";
+    EXPECT_EQ(owner->childIs("eth0", 4u, w), c);
+    try {
+      owner->childIs("eth0", 5u, w);
+      FAIL() << "no exception";
+    } catch (const Kel::NameInUseException& e) {
+      EXPECT_STREQ(e.what(),
+                   "Reinstantiating the pointer interface where constructor parameter attribute "
+                   "_ifIndex has a different value of 5 not allowed");
+    }
+    EXPECT_EQ(owner->child("eth0"), c);
+    EXPECT_EQ(owner->child("eth0")->ifIndex(), 4u);
+    EXPECT_THROW(owner->childIs("eth0", 4u, Kel::make<Watched>(2)), Kel::NameInUseException);
+    owner->childDel("eth0");
+    owner->childDel("eth0");
+    EXPECT_EQ(owner->childCount(), 0u);
+
+    try {
+      owner->watchedIs(nullptr);
+      FAIL() << "no exception";
+    } catch (const Kel::RangeException& e) {
+      EXPECT_STREQ(e.what(),
+                   "null _watched parameter to mutator for Test::Owner::watched not allowed\"");
+    }
+    KelWatched* a = owner->watchedIs(w);
+    EXPECT_EQ(owner->watchedIs(w), a);
+    EXPECT_EQ(owner->watched(1), a);
+    auto first = owner->singleIs("s", 1u, w);
+    auto second = owner->singleIs("s", 1u, w);
+    EXPECT_EQ(owner->single(), second);
+  }
+  EXPECT_EQ(Kel::Entity::liveCount(), before) << "the owner released its children and adapters";
+}
+
+TEST(Pointers, ValidPtrRefusesNullAndReferenceUnderflowAborts) {
+  try {
+    Kel::ValidPtr<Watched> p(static_cast<Watched*>(nullptr));
+    FAIL() << "no exception";
+  } catch (const Kel::Exception& e) {
+    EXPECT_STREQ(e.what(), "null ValidPtr");
+  }
+  auto w = Kel::make<Watched>(1);
+  EXPECT_EQ(Kel::ptr_cast<Kel::Dir>(Kel::Ptr<Kel::Entity>(w)), nullptr);
+  EXPECT_DEATH(
+      {
+        const Watched* unowned = new Watched(9);  // never handed to a Ptr
+        unowned->deleteRef();
+      },
+      "below zero");
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <vector>
+
+#include "fwk/framework/HashMap.h"
+
+namespace {
+
+// Reference: a std::map for contents and a vector for the first-insertion order.
+struct Reference {
+  std::map<int, int> values;
+  std::vector<int> order;  // keys in order of first insertion, erased ones included
+  void insert(int k, int v) {
+    if (std::find(order.begin(), order.end(), k) == order.end()) order.push_back(k);
+    values[k] = v;
+  }
+  std::vector<int> walk() const {
+    std::vector<int> out;
+    for (int k : order)
+      if (values.count(k)) out.push_back(k);
+    return out;
+  }
+};
+
+std::vector<int> walk(const Kel::HashMap<int, int>& m) {
+  std::vector<int> out;
+  for (auto it = m.begin(); it; ++it) out.push_back(it.key());
+  return out;
+}
+
+TEST(HashMap, RandomOperationsMatchReferenceContentsAndOrder) {
+  for (unsigned seed = 1; seed <= 20; ++seed) {
+    std::mt19937 rng(seed);
+    Kel::HashMap<int, int> m;
+    Reference ref;
+    for (int step = 0; step < 3000; ++step) {
+      const int k = static_cast<int>(rng() % 200);
+      switch (rng() % 4) {
+        case 0:
+        case 1: {
+          const bool fresh = !ref.values.count(k);
+          auto [v, isNew] = m.insert(k, step);
+          ASSERT_EQ(isNew, fresh);
+          ASSERT_EQ(*v, step);
+          ref.insert(k, step);
+          break;
+        }
+        case 2:
+          ASSERT_EQ(m.erase(k), ref.values.erase(k) == 1);
+          break;
+        default: {
+          const int* v = m.find(k);
+          auto it = ref.values.find(k);
+          ASSERT_EQ(v != nullptr, it != ref.values.end());
+          if (v) {
+            ASSERT_EQ(*v, it->second);
+          }
+        }
+      }
+      ASSERT_EQ(m.size(), ref.values.size());
+      // Purging may forget erased keys; a re-inserted forgotten key then goes to the back.
+      if (m.tombstones() == 0) {
+        std::vector<int> live = ref.walk();
+        ref.order = live;
+      }
+    }
+    ASSERT_EQ(walk(m), ref.walk()) << "seed " << seed;
+  }
+}
+
+TEST(HashMap, WalkThatErasesAsItGoesVisitsEveryMemberOnce) {
+  Kel::HashMap<int, int> m;
+  for (int i = 0; i < 1000; ++i) m.insert(i, i);
+  std::vector<int> seen;
+  for (auto it = m.begin(); it; ++it) {
+    seen.push_back(it.key());
+    m.erase(it.key());
+    if (it.key() % 7 == 0) m.erase(it.key() + 1);  // also erase the member ahead
+  }
+  std::vector<int> expected;
+  for (int i = 0; i < 1000; ++i)
+    if (i == 0 || (i - 1) % 7 != 0) expected.push_back(i);
+  EXPECT_EQ(seen, expected);
+  EXPECT_TRUE(m.empty());
+  // Tombstones are purged once no walk is alive.
+  m.insert(5000, 1);
+  EXPECT_EQ(m.tombstones(), 0u);
+  EXPECT_EQ(walk(m), std::vector<int>{5000});
+}
+
+TEST(HashMap, ResumeAtErasedKeyStartsAtItsSuccessor) {
+  Kel::HashMap<int, int> m;
+  for (int i = 0; i < 10; ++i) m.insert(i, i);
+  EXPECT_EQ(m.resumeAt(4).key(), 4);
+  m.erase(4);
+  m.erase(5);
+  EXPECT_EQ(m.resumeAt(4).key(), 6);
+  EXPECT_EQ(m.resumeAt(42).key(), 0) << "an unknown key starts at the front";
+  m.erase(9);
+  EXPECT_FALSE(m.resumeAt(9)) << "the last key's successor is the end";
+  m.insert(4, 40);
+  EXPECT_EQ(m.resumeAt(3).key(), 3);
+  auto it = m.resumeAt(3);
+  ++it;
+  EXPECT_EQ(it.key(), 4) << "a key inserted again keeps its place while its tombstone is kept";
+}
+
+TEST(HashMap, ErasingReleasesTheValueAtOnce) {
+  auto shared = std::make_shared<int>(7);
+  Kel::HashMap<int, std::shared_ptr<int>> m;
+  m.insert(1, shared);
+  auto it = m.begin();  // a live walk keeps the tombstone but not the value
+  m.erase(1);
+  EXPECT_EQ(shared.use_count(), 1);
+}
+
+}  // namespace
