@@ -19,6 +19,8 @@
 //   NOTIFIEES(name, Cap, Key, Adapter, Watched)  keyed adapters made from Ptr<const Watched>, keyed
 //                                      by the watched entity's key(); null raises
 //                                      Kel::RangeException
+//   SIGNAL(name, Cap, Type, default, handler)  a value whose change first calls handler(), then
+//                                      notifies (Root's `initialized`)
 //   HANDLER(name, Cap)                 a hand-written operation; appears in the table only
 // Mutators of values notify only when the value changes; collection mutators notify with the key
 // (nameDelAll once per key). The nested Notifiee has onCap() for single attributes, onCap(key)
@@ -117,6 +119,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_CB_POINTER(name, Cap, ...) \
   virtual void on##Cap() {}
 #define KEL_CB_INPUT(name, Cap, ...)
+#define KEL_CB_SIGNAL(name, Cap, ...) \
+  virtual void on##Cap() {}
 #define KEL_CB_HANDLER(name, Cap)
 #define KEL_CB_CHILD(name, Cap, ...) \
   virtual void on##Cap() {}
@@ -132,6 +136,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_KIND_SCALAR scalar
 #define KEL_KIND_POINTER pointer
 #define KEL_KIND_INPUT scalar
+#define KEL_KIND_SIGNAL scalar
 #define KEL_KIND_COLLECTION collection
 #define KEL_KIND_CHILD child
 #define KEL_KIND_CHILDREN children
@@ -142,6 +147,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_TIE_(kind, ...) KEL_DISPATCH_(KEL_TIE_, kind, __VA_ARGS__)
 #define KEL_TIE_INPUT(name, ...) std::tie(name##_),
 #define KEL_TIE_SCALAR(...)
+#define KEL_TIE_SIGNAL(...)
 #define KEL_TIE_POINTER(...)
 #define KEL_TIE_COLLECTION(...)
 #define KEL_TIE_CHILD(...)
@@ -151,6 +157,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_PNAME_(kind, ...) KEL_DISPATCH_(KEL_PNAME_, kind, __VA_ARGS__)
 #define KEL_PNAME_INPUT(name, ...) #name,
 #define KEL_PNAME_SCALAR(...)
+#define KEL_PNAME_SIGNAL(...)
 #define KEL_PNAME_POINTER(...)
 #define KEL_PNAME_COLLECTION(...)
 #define KEL_PNAME_CHILD(...)
@@ -193,6 +200,19 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   Type name##_{};
 
 #define KEL_MEMBER_HANDLER(name, Cap)
+
+#define KEL_MEMBER_SIGNAL(name, Cap, Type, Default, handler) \
+ public:                                                    \
+  const Type& name() const { return name##_; }              \
+  void name##Is(const Type& v) {                            \
+    if (name##_ == v) return;                               \
+    name##_ = v;                                            \
+    handler();                                              \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });            \
+  }                                                         \
+                                                            \
+ private:                                                   \
+  Type name##_ = Default;
 
 #define KEL_MEMBER_COLLECTION(name, Cap, Key, Value)                                               \
  public:                                                                                           \
