@@ -1,0 +1,184 @@
+// The in-memory corvd's routing table: prefixes (rt_head) holding entries (rt_entry), one per
+// protocol gateway (gw_entry) and gateway set, and the gateway records themselves.
+//
+// Selection: the entries of a prefix are kept on the head's list in selection order: entries
+// with a non-negative preference first, lowest preference first, ties in add order, then the
+// entries set aside (negative preference) in add order. The first entry, when its preference
+// is not negative, is the active one (rth_active, RTS_ACTIVE in its rt_state).
+// Set aside: an entry whose adjacency uses an interface address that is down gets its
+// preference negated (0 becomes -1) and RTS_SETASIDE; when all its addresses are up again the
+// daemon restores it (unless its owner already did, with rt_change_s).
+// Uniqueness: a prefix holds at most one entry per gateway (gw_entry) and gateway set (the same
+// gateway addresses in the same order); rt_add / rt_change_s that would break it are refused
+// and counted as a misuse.
+// Brackets: rt_add, rt_change_s and rt_delete only between rt_open and rt_close; lookups may be
+// made anywhere. Outside the bracket the change is refused and counted as a misuse.
+// Ownership: the daemon copies what it keeps of rt_parms / rt_change_parms (addresses may be
+// temporaries). rt_entry, rt_head and gw_entry records are the daemon's; read only for callers.
+// A deleted entry is kept poisoned for a while so that a later rt_change_s / rt_delete on it is
+// reported as a misuse instead of touching freed memory; do not rely on that beyond a check.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "fwk/daemon/if_table.h"
+#include "fwk/daemon/sockaddr.h"
+#include "fwk/daemon/task.h"
+
+constexpr int RT_N_MULTIPATH = 128;  // most gateways per entry (size of rtp_routers)
+
+// rt_state bits kept by the daemon (others are stored as given).
+constexpr uint64_t RTS_ACTIVE = 0x1;                    // the prefix's selected entry
+constexpr uint64_t RTS_GATEWAY = 0x10;                  // routed through a gateway (set by callers)
+constexpr uint64_t RTS_SETASIDE = 0x100000000ull;       // preference negated by the daemon
+constexpr uint64_t RTS_SETASIDE_ZERO = 0x200000000ull;  // ... and it was 0 before
+
+// Flags or-ed by callers into every new route's state; the daemon never changes it.
+struct rt_rib {
+  uint64_t rib_state;  // route state bits for new routes (0 here)
+};
+extern rt_rib rib;
+
+struct _rt_entry;
+struct ptree;  // per-gateway prefix tree of IPv6 routes
+
+typedef struct _gw_entry {
+  struct _gw_entry* gw_next;      // next gateway of the same gw_list, or null
+  uint16_t gw_proto;              // protocol number
+  task* gw_task;                  // owning task
+  uint32_t gw_peer_as;            // peer AS
+  uint32_t gw_local_as;           // local AS
+  sockaddr_un* gw_addr;           // copy of the gateway's address, or null
+  flag_t gw_flags;                // flags given to gw_init
+  struct _rt_entry* gw_rt_first;  // route queue: the gateway's entries in add order
+  struct _rt_entry* gw_rt_last;   // last entry of the route queue
+  std::size_t gw_n_routes;        // entries on the route queue
+  ptree* gw_ptree;                // the gateway's IPv6 entries by prefix (lazily created)
+  uint32_t gw_magic;              // daemon liveness tag
+} gw_entry;
+typedef gw_entry* gw_list;
+
+// Gateway set of an entry: adj_n_gw parallel entries.
+typedef struct _rt_adjacency {
+  int adj_n_gw;               // number of gateways (0 for a blackhole)
+  sockaddr_un** adj_routers;  // gateway addresses (daemon copies)
+  if_addr** adj_ifaps;        // interface address per gateway (may be null)
+  uint32_t* adj_pos;          // daemon bookkeeping (position on the address's route list)
+} rt_adjacency;
+
+struct _rt_head;
+
+typedef struct _rt_entry {
+  struct _rt_entry* rt_next;     // next entry of the prefix in selection order, or null
+  struct _rt_entry* rt_gw_next;  // next entry on the gateway's route queue
+  struct _rt_entry* rt_gw_prev;  // previous entry on the gateway's route queue
+  struct _rt_head* rt_head;      // the prefix
+  gw_entry* rt_gwp;              // owning gateway (protocol)
+  uint64_t rt_state;             // RTS_* bits plus the caller's rtp_state
+  uint64_t rt_seq;               // add order
+  int32_t rt_preference;         // preference; negative = set aside
+  int32_t rt_preference2;        // second preference (stored only)
+  uint32_t rt_metric;            // metric (stored only)
+  uint32_t rt_tag;               // route tag
+  uint32_t rt_magic;             // daemon liveness tag
+  rt_adjacency rt_adj;           // gateways
+  // Storage of a one-gateway adjacency, to spare an allocation.
+  sockaddr_un* rt_inl_router;  // adj_routers[0]
+  if_addr* rt_inl_ifap;        // adj_ifaps[0]
+  uint32_t rt_inl_pos;         // adj_pos[0]
+  sockaddr_un rt_inl_addr;     // *adj_routers[0]
+} rt_entry;
+
+// All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
+typedef struct _rt_head {
+  sockaddr_un rth_dest;        // destination (copy, host bits cleared)
+  sockaddr_un* rth_dest_mask;  // shared mask
+  rt_entry* rth_routes;        // first entry in selection order
+  rt_entry* rth_active;        // the active entry or null
+  uint32_t rth_n_entries;      // entries on the list
+  uint8_t rth_plen;            // prefix length
+} rt_head;
+
+typedef struct _rt_parms {
+  sockaddr_un* rtp_dest;                     // destination (temporaries fine)
+  sockaddr_un* rtp_dest_mask;                // mask (contiguous)
+  int rtp_n_gw;                              // gateways in rtp_routers, 0..RT_N_MULTIPATH
+  gw_entry* rtp_gwp;                         // owning gateway
+  uint64_t rtp_state;                        // state bits kept on the entry
+  int32_t rtp_preference;                    // preference
+  int32_t rtp_preference2;                   // second preference
+  uint32_t rtp_metric;                       // metric
+  uint32_t rtp_tag;                          // tag
+  sockaddr_un* rtp_routers[RT_N_MULTIPATH];  // gateway addresses
+} rt_parms;
+
+typedef struct _rt_change_parms {
+  int32_t rtcp_preference;     // new preference
+  int rtcp_n_gw;               // new number of gateways
+  sockaddr_un** rtcp_gateway;  // rtcp_n_gw gateway addresses
+  if_addr** rtcp_ifaps;        // parallel interface addresses
+} rt_change_parms;
+
+// Route bits: the protocols rt_locate accepts.
+constexpr int RT_BITS_MAX = 8;
+typedef struct _rt_bits {
+  int rtb_n;                        // protocols listed
+  uint16_t rtb_proto[RT_BITS_MAX];  // protocol numbers
+} rt_bits;
+
+void rt_open(task* tp);
+// `flags`, `count` and `more` are accepted as given; the bracket of `tp` ends.
+void rt_close(task* tp, int flags, int count, int more);
+
+// New entry for rtp_dest/rtp_dest_mask owned by rtp_gwp with rtp_n_gw gateways
+// (rtp_routers[j] served by ifaps[j]); null when refused or failing. The host bits of the
+// destination are cleared.
+rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps);
+// Changes preference and gateways in place: the same pointer, or null when refused or failing
+// (then nothing changed). A non-negative preference clears RTS_SETASIDE.
+rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
+// Removes the entry (and its prefix when it was the last one).
+void rt_delete(rt_entry* rt);
+
+// The first entry in selection order of that prefix whose gateway's protocol is in `bits`;
+// `state` selects nothing here. Null when none.
+rt_entry* rt_locate(uint64_t state, const sockaddr_un* dest, const sockaddr_un* mask,
+                    const rt_bits* bits);
+rt_head* rt_table_locate(const sockaddr_un* dest, const sockaddr_un* mask);
+// Fills `bits` with `n` protocol numbers given as further int arguments.
+void rt_make_bits(rt_bits* bits, int n, ...);
+
+// Gateways. gw_init allocates, fills and pushes the new gateway onto *list (when list is not
+// null); gw_alloc gives a blank gateway on no list. gw_free deletes the gateway's remaining
+// entries, unlinks it and retires it; freeing it twice is a misuse.
+gw_entry* gw_init(gw_list* list, uint16_t proto, task* tp, uint32_t peer_as, uint32_t local_as,
+                  sockaddr_un* addr, flag_t flags);
+gw_entry* gw_alloc();
+void gw_free(gw_entry* gwp);
+
+// 1 when the destination is acceptable to the kernel side: IPv4 or IPv6, contiguous mask, no
+// host bits beyond the mask, not multicast, not loopback (127/8, ::1).
+int krt_addrcheck(const rt_parms* rtp);
+
+// A gateway's prefix tree of IPv6 entries. The daemon keeps it in step on every add, change
+// and delete; ptree_insert/ptree_remove report 1 on success and 0 when the entry is already
+// there / not there.
+rt_entry* ptree_find(ptree* tree, const sockaddr_un* dest, const sockaddr_un* mask);
+int ptree_insert(ptree* tree, rt_entry* rt);
+int ptree_remove(ptree* tree, rt_entry* rt);
+
+// Counts and walks for inspection.
+std::size_t rt_head_count();
+std::size_t rt_entry_count();
+// Visits every prefix: IPv4 before IPv6, by address then prefix length.
+void rt_head_walk(void (*fn)(rt_head*, void*), void* arg);
+// True while `rt` is an entry of the table.
+bool rt_entry_alive(const rt_entry* rt);
+
+// Interface-table hooks (called by the interface table only).
+void rt_ifa_down(if_addr* ifap);     // set aside the entries using ifap
+void rt_ifa_restore(if_addr* ifap);  // restore entries whose addresses are all up again
+void rt_ifa_gone(if_addr* ifap);     // delete the entries still using ifap
+// Frees everything without checks. For corvd_reset only.
+void rt_table_reset();
