@@ -468,7 +468,7 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp) {
   std::vector<if_addr*> ifaps(gw.size(), nullptr);
   if (rtcp->rtcp_ifaps) std::copy_n(rtcp->rtcp_ifaps, gw.size(), ifaps.begin());
   rt->rt_preference = rtcp->rtcp_preference;
-  if (rt->rt_preference >= 0) rt->rt_state &= ~(RTS_SETASIDE | RTS_SETASIDE_ZERO);
+  rt->rt_state &= ~(RTS_SETASIDE | RTS_SETASIDE_ZERO);  // the caller's preference stands
   setAdj(rt, rtcp->rtcp_n_gw, gwp.data(), ifaps.data());
   setAsideIfDown(rt);
   reorder(rt);

@@ -136,7 +136,8 @@ void rt_close(task* tp, int flags, int count, int more);
 // destination are cleared.
 rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps);
 // Changes preference and gateways in place: the same pointer, or null when refused or failing
-// (then nothing changed). A non-negative preference clears RTS_SETASIDE.
+// (then nothing changed). The new preference replaces a set-aside one (RTS_SETASIDE is
+// cleared); it is set aside again at once if one of the new addresses is down.
 rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
 // Removes the entry (and its prefix when it was the last one).
 void rt_delete(rt_entry* rt);

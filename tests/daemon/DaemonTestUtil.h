@@ -1,0 +1,79 @@
+// Helpers shared by the daemon tests: building requests the way the module does (sockdup
+// copies inside one if_conf bracket) and a fixture that starts and ends with an empty daemon.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "fwk/daemon/corvd.h"
+
+inline uint32_t ip4(const char* text) {
+  in_addr a{};
+  inet_pton(AF_INET, text, &a);
+  return a.s_addr;
+}
+
+inline sockaddr_un* in4(const char* text) { return sockbuild_in(0, ip4(text)); }
+
+inline sockaddr_un* in6(const char* text) {
+  uint8_t b[16] = {};
+  inet_pton(AF_INET6, text, b);
+  return sockbuild_in6(0, b);
+}
+
+inline if_link* addLink(unsigned long index, const char* name, bool up, flag_t extra = 0) {
+  if_conf_open(fwk_task, 0);
+  if_link* l = if_conf_addlink(fwk_task, ifl_locate_index(index), index, (up ? IFS_UP : 0) | extra,
+                               0, 1500, name, static_cast<int>(strlen(name)), nullptr);
+  if_conf_close(fwk_task, 1);
+  return l;
+}
+
+// Adds local/len (with `peer` as remote when given) to the link `index`.
+inline if_addr* addAddr(unsigned long index, sockaddr_un* local, int len,
+                        sockaddr_un* peer = nullptr, flag_t state = 0) {
+  if_info req{};
+  req.ifi_link = ifl_locate_index(index);
+  req.ifi_state = state;
+  req.ifi_addr_local = sockdup(local);
+  req.ifi_addr_remote = sockdup(peer);
+  req.ifi_netmask = sockdup(sock_mask_by_len(local->sa_family, len));
+  if_conf_open(fwk_task, 0);
+  if_addr* a = if_conf_addaddr(fwk_task, &req);
+  if_conf_close(fwk_task, 1);
+  return a;
+}
+
+inline void delAddr(unsigned long index, sockaddr_un* local) {
+  if_info req{};
+  req.ifi_link = ifl_locate_index(index);
+  req.ifi_addr_local = sockdup(local);
+  if_conf_open(fwk_task, 0);
+  if_conf_deladdr(fwk_task, &req);
+  if_conf_close(fwk_task, 1);
+}
+
+inline void delLink(unsigned long index) {
+  if_link* l = ifl_locate_index(index);
+  std::string name = l ? l->ifl_name : "";
+  if_conf_open(fwk_task, 0);
+  if_conf_dellink(fwk_task, index, name.c_str());
+  if_conf_close(fwk_task, 1);
+}
+
+inline std::string misuseText() {
+  std::string out;
+  for (const auto& m : corvd_misuse_log()) out += m + "\n";
+  return out;
+}
+
+class DaemonTest : public ::testing::Test {
+ protected:
+  void SetUp() override { corvd_reset(); }
+  void TearDown() override {
+    corvd_reset();
+    EXPECT_EQ(sock_live_copies(), 0u);
+  }
+};

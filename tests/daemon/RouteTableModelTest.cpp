@@ -1,0 +1,236 @@
+// Randomized route and interface operations against a plain reference model.
+#include <algorithm>
+#include <map>
+#include <random>
+#include <tuple>
+#include <vector>
+
+#include "DaemonTestUtil.h"
+
+namespace {
+
+constexpr int kLinks = 4;
+constexpr int kProtos = 3;
+
+struct ModelEntry {
+  int gw;                 // index of the protocol gateway
+  std::vector<int> hops;  // gateway numbers: link * 8 + host
+  int pref;               // preference as the caller last set it
+  uint64_t seq;           // add order
+  rt_entry* rt;           // the daemon's entry
+};
+
+struct Model {
+  std::map<int, std::vector<ModelEntry>> byPrefix;  // prefix number -> entries
+  bool linkUp[kLinks] = {true, true, true, true};
+  bool hasAddr[kLinks] = {true, true, true, true};
+  uint64_t seq = 0;
+
+  static int linkOf(int hop) { return hop / 8; }
+  int effective(const ModelEntry& e) const {
+    bool down =
+        std::any_of(e.hops.begin(), e.hops.end(), [&](int h) { return !linkUp[linkOf(h)]; });
+    if (e.pref < 0 || !down) return e.pref;
+    return e.pref == 0 ? -1 : -e.pref;
+  }
+  bool exists(int prefix, int gw, const std::vector<int>& hops, const rt_entry* self) const {
+    auto it = byPrefix.find(prefix);
+    if (it == byPrefix.end()) return false;
+    return std::any_of(it->second.begin(), it->second.end(), [&](const ModelEntry& e) {
+      return e.rt != self && e.gw == gw && e.hops == hops;
+    });
+  }
+};
+
+bool v6(int prefix) { return prefix >= 12; }
+
+// Prefix number -> destination and mask (IPv4 0..11, IPv6 12..19; some share an address).
+std::pair<sockaddr_un*, sockaddr_un*> prefixOf(int p) {
+  static const int len4[] = {8, 16, 24, 32};
+  if (!v6(p)) {
+    std::string a = std::to_string(20 + p / 4) + ".168.0.0";
+    return {in4(a.c_str()), sock_mask_by_len(SA_FAMILY_INET, len4[p % 4])};
+  }
+  std::string a = "2001:db8:" + std::to_string(p / 2) + "::";
+  return {in6(a.c_str()), sock_mask_by_len(SA_FAMILY_INET6, p % 2 ? 64 : 48)};
+}
+
+sockaddr_un* hopAddr(int hop, bool six) {
+  int link = hop / 8;
+  int host = hop % 8 + 2;
+  if (six) return in6(("2001:db8:ff" + std::to_string(link) + "::" + std::to_string(host)).c_str());
+  return in4(("10.0." + std::to_string(link) + "." + std::to_string(host)).c_str());
+}
+
+void addLinkAddrs(int link) {
+  addAddr(link + 1, in4(("10.0." + std::to_string(link) + ".1").c_str()), 24);
+  addAddr(link + 1, in6(("2001:db8:ff" + std::to_string(link) + "::1").c_str()), 64);
+}
+
+class RouteTableModel : public DaemonTest {};
+
+TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel) {
+  for (int l = 0; l < kLinks; ++l) {
+    addLink(l + 1, ("eth" + std::to_string(l)).c_str(), true);
+    addLinkAddrs(l);
+  }
+  gw_list gws = nullptr;
+  gw_entry* gw[kProtos];
+  for (int i = 0; i < kProtos; ++i) gw[i] = gw_init(&gws, 10 + i, fwk_task, 0, 0, nullptr, 0x800);
+  Model m;
+  std::mt19937 rng(12345);
+  auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<unsigned>(n)); };
+  uint64_t misuses = 0;
+
+  // Fills gateways and their interface addresses as the module does (if_withdst per hop).
+  auto resolve = [&](const std::vector<int>& hops, bool six, sockaddr_un** routers,
+                     if_addr** ifaps) {
+    for (std::size_t j = 0; j < hops.size(); ++j) {
+      routers[j] = hopAddr(hops[j], six);
+      ifaps[j] = if_withdst(routers[j]);
+    }
+  };
+  auto randomHops = [&]() {
+    std::vector<int> hops;
+    int n = 1 + pick(2);
+    for (int j = 0; j < n; ++j) {
+      int link = pick(kLinks);
+      if (m.linkUp[link] && m.hasAddr[link]) hops.push_back(link * 8 + pick(3));
+    }
+    return hops;
+  };
+
+  for (int step = 0; step < 6000; ++step) {
+    int op = pick(100);
+    if (op < 40) {  // add
+      int p = pick(20);
+      int g = pick(kProtos);
+      std::vector<int> hops = randomHops();
+      rt_parms rtp{};
+      auto [dest, mask] = prefixOf(p);
+      rtp.rtp_dest = dest;
+      rtp.rtp_dest_mask = mask;
+      rtp.rtp_gwp = gw[g];
+      rtp.rtp_preference = pick(5) * 10;
+      rtp.rtp_n_gw = static_cast<int>(hops.size());
+      if_addr* ifaps[RT_N_MULTIPATH] = {};
+      resolve(hops, v6(p), rtp.rtp_routers, ifaps);
+      rt_open(fwk_task);
+      rt_entry* rt = rt_add(&rtp, ifaps);
+      rt_close(fwk_task, 0, 1, 0);
+      if (m.exists(p, g, hops, nullptr)) {
+        ASSERT_EQ(rt, nullptr);
+        ++misuses;
+        continue;
+      }
+      ASSERT_NE(rt, nullptr) << misuseText();
+      m.byPrefix[p].push_back({g, hops, rtp.rtp_preference, ++m.seq, rt});
+    } else if (op < 75) {  // change (op < 60) or delete
+      if (m.byPrefix.empty()) continue;
+      auto it = std::next(m.byPrefix.begin(), pick(static_cast<int>(m.byPrefix.size())));
+      auto& list = it->second;
+      std::size_t k = static_cast<std::size_t>(pick(static_cast<int>(list.size())));
+      ModelEntry& e = list[k];
+      rt_open(fwk_task);
+      if (op < 60) {
+        std::vector<int> hops = randomHops();
+        sockaddr_un* routers[RT_N_MULTIPATH] = {};
+        if_addr* ifaps[RT_N_MULTIPATH] = {};
+        resolve(hops, v6(it->first), routers, ifaps);
+        rt_change_parms rtcp{pick(6) * 10 - 10, static_cast<int>(hops.size()), routers, ifaps};
+        rt_entry* rt = rt_change_s(e.rt, &rtcp);
+        if (m.exists(it->first, e.gw, hops, e.rt)) {
+          ASSERT_EQ(rt, nullptr);
+          ++misuses;
+        } else {
+          ASSERT_EQ(rt, e.rt) << misuseText();
+          e.hops = hops;
+          e.pref = rtcp.rtcp_preference;
+        }
+      } else {
+        rt_delete(e.rt);
+        list.erase(list.begin() + static_cast<long>(k));
+        if (list.empty()) m.byPrefix.erase(it);
+      }
+      rt_close(fwk_task, 0, 1, 0);
+    } else if (op < 90) {  // link flap
+      int l = pick(kLinks);
+      m.linkUp[l] = !m.linkUp[l];
+      addLink(l + 1, ("eth" + std::to_string(l)).c_str(), m.linkUp[l]);
+    } else {  // address removed (its routes go) or re-added
+      int l = pick(kLinks);
+      if (m.hasAddr[l]) {
+        delAddr(l + 1, in4(("10.0." + std::to_string(l) + ".1").c_str()));
+        delAddr(l + 1, in6(("2001:db8:ff" + std::to_string(l) + "::1").c_str()));
+        for (auto it = m.byPrefix.begin(); it != m.byPrefix.end();) {
+          auto& list = it->second;
+          std::erase_if(list, [&](const ModelEntry& e) {
+            return std::any_of(e.hops.begin(), e.hops.end(),
+                               [&](int h) { return Model::linkOf(h) == l; });
+          });
+          it = list.empty() ? m.byPrefix.erase(it) : std::next(it);
+        }
+      } else {
+        addLinkAddrs(l);
+      }
+      m.hasAddr[l] = !m.hasAddr[l];
+    }
+
+    ASSERT_EQ(corvd_misuse_count(), misuses) << misuseText();
+    if (step % 50 != 0) continue;
+    std::size_t entries = 0;
+    for (auto& [p, list] : m.byPrefix) {
+      entries += list.size();
+      std::vector<const ModelEntry*> order;
+      for (auto& e : list) order.push_back(&e);
+      std::sort(order.begin(), order.end(), [&](const ModelEntry* a, const ModelEntry* b) {
+        int x = m.effective(*a);
+        int y = m.effective(*b);
+        return std::make_tuple(x < 0, x < 0 ? 0 : x, a->seq) <
+               std::make_tuple(y < 0, y < 0 ? 0 : y, b->seq);
+      });
+      auto [dest, mask] = prefixOf(p);
+      rt_head* h = rt_table_locate(dest, mask);
+      ASSERT_NE(h, nullptr);
+      const rt_entry* rt = h->rth_routes;
+      for (const ModelEntry* e : order) {
+        ASSERT_EQ(rt, e->rt) << "prefix " << p << " step " << step << "\n" << corvd_show_routes();
+        EXPECT_EQ(rt->rt_preference, m.effective(*e));
+        EXPECT_EQ(rt->rt_adj.adj_n_gw, static_cast<int>(e->hops.size()));
+        EXPECT_EQ(rt->rt_head, h);
+        rt = rt->rt_next;
+      }
+      EXPECT_EQ(rt, nullptr);
+      const ModelEntry* first = order.front();
+      EXPECT_EQ(h->rth_active, m.effective(*first) >= 0 ? first->rt : nullptr);
+      for (int g = 0; g < kProtos; ++g) {
+        rt_bits bits;
+        rt_make_bits(&bits, 1, gw[g]->gw_proto);
+        auto found = std::find_if(order.begin(), order.end(),
+                                  [&](const ModelEntry* e) { return e->gw == g; });
+        EXPECT_EQ(rt_locate(0, dest, mask, &bits), found == order.end() ? nullptr : (*found)->rt);
+        if (v6(p)) {
+          rt_entry* t = ptree_find(gw[g]->gw_ptree, dest, mask);
+          EXPECT_EQ(t != nullptr, found != order.end());
+          if (t) {
+            EXPECT_EQ(t->rt_gwp, gw[g]);
+          }
+        }
+      }
+    }
+    ASSERT_EQ(rt_entry_count(), entries);
+    ASSERT_EQ(rt_head_count(), m.byPrefix.size());
+    std::size_t queued = 0;
+    for (auto* g : gw) queued += g->gw_n_routes;
+    ASSERT_EQ(queued, entries);
+  }
+  rt_open(fwk_task);
+  for (auto* g : gw) gw_free(g);
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(rt_entry_count(), 0u);
+  EXPECT_EQ(rt_head_count(), 0u);
+  EXPECT_EQ(gws, nullptr);
+  EXPECT_EQ(corvd_misuse_count(), misuses);
+}
+
+}  // namespace
