@@ -76,7 +76,7 @@ sockaddr_un* nextTemporary() {
   ++corvd_calls[CORVD_FN_sockbuild];
   uint64_t seq = ++pool.builds;
   if (seq > SOCK_POOL_LIVE) {  // the slot leaving the live window is poisoned
-    sockaddr_un& old = pool.slot[(seq - SOCK_POOL_LIVE - 1) % SOCK_POOL_RING];
+    sockaddr_un& old = pool.slot[(seq - SOCK_POOL_LIVE) % SOCK_POOL_RING];
     std::memset(&old, 0xEE, sizeof old);
   }
   std::size_t i = seq % SOCK_POOL_RING;

@@ -1,0 +1,190 @@
+// Interface table: longest-match resolution, point-to-point peers, address-change reports and
+// what they do to the routes that use an address.
+#include <vector>
+
+#include "DaemonTestUtil.h"
+
+namespace {
+
+struct Report {
+  if_addr* ifap;
+  int change;
+  bool up;
+};
+std::vector<Report> reports;
+void record(task*, if_addr* ifap) {
+  reports.push_back({ifap, ifap->ifa_change, (ifap->ifa_info.ifi_state & IFS_UP) != 0});
+}
+
+class InterfaceTable : public DaemonTest {
+ protected:
+  void SetUp() override {
+    DaemonTest::SetUp();
+    reports.clear();
+    fwk_task->task_ifachange_method = record;
+  }
+};
+
+TEST_F(InterfaceTable, WithdstPicksLongestUpSubnetAndPointToPointPeer) {
+  addLink(1, "eth1", true);
+  addLink(2, "eth2", true);
+  addLink(3, "ppp0", true, IFS_POINTOPOINT);
+  if_addr* wide = addAddr(1, in4("10.0.0.1"), 8);
+  if_addr* narrow = addAddr(2, in4("10.1.2.1"), 24);
+  if_addr* p2p = addAddr(3, in4("192.0.2.1"), 32, in4("198.51.100.7"));
+  if_addr* six = addAddr(2, in6("2001:db8::1"), 64);
+  ASSERT_TRUE(wide && narrow && p2p && six) << misuseText();
+  EXPECT_EQ(if_withdst(in4("10.1.2.200")), narrow);
+  EXPECT_EQ(if_withdst(in4("10.1.3.200")), wide);
+  EXPECT_EQ(if_withdst(in4("198.51.100.7")), p2p);  // the peer
+  EXPECT_EQ(if_withdst(in4("198.51.100.8")), nullptr);
+  EXPECT_EQ(if_withdst(in6("2001:db8::99")), six);
+  EXPECT_EQ(if_withdst(in6("2001:db9::1")), nullptr);
+  EXPECT_TRUE(p2p->ifa_info.ifi_state & IFS_POINTOPOINT);
+
+  // A down link's addresses serve nothing; the shorter subnet takes over.
+  addLink(2, "eth2", false);
+  EXPECT_EQ(if_withdst(in4("10.1.2.200")), wide);
+  addLink(2, "eth2", true);
+  EXPECT_EQ(if_withdst(in4("10.1.2.200")), narrow);
+
+  // Removing a link removes its addresses from the lookups and from the table.
+  delLink(2);
+  EXPECT_EQ(if_withdst(in4("10.1.2.200")), wide);
+  EXPECT_EQ(if_withdst(in6("2001:db8::99")), nullptr);
+  EXPECT_EQ(if_addr_count(), 2u);
+  EXPECT_EQ(ifl_locate_index(2), nullptr);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+TEST_F(InterfaceTable, ReportsClassifyAsUpDownAndSubnetChange) {
+  addLink(1, "eth1", true);
+  if_addr* a = addAddr(1, in4("10.0.0.1"), 24);
+  ASSERT_EQ(reports.size(), 1u);
+  EXPECT_EQ(reports[0].change, IFC_ADD);
+  EXPECT_TRUE(reports[0].up);
+
+  addAddr(1, in4("10.0.0.1"), 16);  // same local address, new subnet
+  ASSERT_EQ(reports.size(), 2u);
+  EXPECT_EQ(reports[1].ifap, a);
+  EXPECT_EQ(reports[1].change, IFC_NETMASK);
+  EXPECT_EQ(if_withdst(in4("10.0.9.9")), a);
+
+  addLink(1, "eth1", false);
+  ASSERT_EQ(reports.size(), 3u);
+  EXPECT_EQ(reports[2].change, IFC_UPDOWN);
+  EXPECT_FALSE(reports[2].up);
+  addLink(1, "eth1", false);  // no state change, no report
+  EXPECT_EQ(reports.size(), 3u);
+  addLink(1, "eth1", true);
+  ASSERT_EQ(reports.size(), 4u);
+  EXPECT_TRUE(reports[3].up);
+
+  delAddr(1, in4("10.0.0.1"));
+  ASSERT_EQ(reports.size(), 5u);
+  EXPECT_EQ(reports[4].change, IFC_DELETE | IFC_UPDOWN);  // 0x104: down for good
+  EXPECT_FALSE(reports[4].up);
+  EXPECT_EQ(if_addr_count(), 0u);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+// The owner's hook sees its routes already set aside when the address goes down, and the daemon
+// restores what the owner left set aside once the address is back.
+TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
+  addLink(1, "eth1", true);
+  addLink(2, "eth2", true);
+  if_addr* a1 = addAddr(1, in4("10.0.1.1"), 24);
+  if_addr* a2 = addAddr(2, in4("10.0.2.1"), 24);
+  gw_entry* proto = gw_init(nullptr, 7, fwk_task, 0, 0, nullptr, 0x800);
+  auto add = [&](sockaddr_un* via, if_addr* ifap, int pref) {
+    rt_parms rtp{};
+    rtp.rtp_dest = in4("172.16.0.0");
+    rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 16);
+    rtp.rtp_gwp = proto;
+    rtp.rtp_preference = pref;
+    rtp.rtp_n_gw = 1;
+    rtp.rtp_routers[0] = via;
+    if_addr* ifaps[RT_N_MULTIPATH] = {ifap};
+    return rt_add(&rtp, ifaps);
+  };
+  rt_open(fwk_task);
+  rt_entry* r1 = add(in4("10.0.1.9"), a1, 10);
+  rt_entry* r2 = add(in4("10.0.2.9"), a2, 20);
+  rt_close(fwk_task, 0, 1, 0);
+  ASSERT_EQ(r1->rt_head->rth_active, r1);
+
+  static rt_entry* watched;
+  static int prefAtReport;
+  watched = r1;
+  fwk_task->task_ifachange_method = [](task*, if_addr*) { prefAtReport = watched->rt_preference; };
+  addLink(1, "eth1", false);
+  EXPECT_EQ(prefAtReport, -10);
+  EXPECT_EQ(r1->rt_preference, -10);
+  EXPECT_EQ(r1->rt_head->rth_active, r2);
+  EXPECT_EQ(r1->rt_head->rth_routes->rt_next, r1);  // set aside entries go last
+  addLink(1, "eth1", true);
+  EXPECT_EQ(r1->rt_preference, 10);
+  EXPECT_EQ(r1->rt_head->rth_active, r1);
+
+  // A removed address takes the routes that still use it.
+  delLink(1);
+  EXPECT_FALSE(rt_entry_alive(r1));
+  EXPECT_EQ(rt_entry_count(), 1u);
+  EXPECT_NE(corvd_show_routes().find("* proto 7 pref 20 tag 0 via 10.0.2.9 dev eth2"),
+            std::string::npos)
+      << corvd_show_routes();
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
+  struct Addr {
+    uint32_t local;
+    int len;
+    int link;
+  };
+  std::vector<Addr> live;
+  bool up[5] = {true, true, true, true, true};
+  for (int l = 1; l <= 4; ++l) addLink(l, ("e" + std::to_string(l)).c_str(), true);
+  uint32_t seed = 7;
+  auto rnd = [&]() { return seed = seed * 1103515245 + 12345, (seed >> 8); };
+  for (int step = 0; step < 3000; ++step) {
+    int op = static_cast<int>(rnd() % 10);
+    if (op < 5) {
+      Addr a{htonl(0x0A000000u | (rnd() & 0xFFFF)), 16 + static_cast<int>(rnd() % 17),
+             1 + static_cast<int>(rnd() % 4)};
+      bool dup = false;
+      for (auto& x : live) dup = dup || (x.local == a.local && x.link == a.link);
+      if (dup) continue;
+      ASSERT_NE(addAddr(a.link, sockbuild_in(0, a.local), a.len), nullptr) << misuseText();
+      live.push_back(a);
+    } else if (op < 8 && !live.empty()) {
+      std::size_t k = rnd() % live.size();
+      delAddr(live[k].link, sockbuild_in(0, live[k].local));
+      live.erase(live.begin() + static_cast<long>(k));
+    } else {
+      int l = 1 + static_cast<int>(rnd() % 4);
+      up[l] = !up[l];
+      addLink(l, ("e" + std::to_string(l)).c_str(), up[l]);
+    }
+    uint32_t probe = htonl(0x0A000000u | (rnd() & 0xFFFF));
+    int best = -1;
+    const Addr* want = nullptr;
+    for (auto& x : live) {
+      uint32_t m = htonl(x.len ? ~0u << (32 - x.len) : 0);
+      if (up[x.link] && (x.local & m) == (probe & m) && x.len > best) {
+        best = x.len;
+        want = &x;
+      }
+    }
+    if_addr* got = if_withdst(sockbuild_in(0, probe));
+    ASSERT_EQ(got == nullptr, want == nullptr) << "step " << step;
+    if (got) {
+      EXPECT_EQ(sock_mask_len(got->ifa_info.ifi_netmask), best);
+      EXPECT_TRUE(got->ifa_info.ifi_state & IFS_UP);
+    }
+  }
+  EXPECT_EQ(if_addr_count(), live.size());
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+}  // namespace
