@@ -1,0 +1,57 @@
+#include "fwk/Root.h"
+
+#include "fwk/ModuleSupport.h"
+
+namespace InterfaceRouteInfo {
+
+namespace {
+Kel::Ptr<Root>& currentRoot() {
+  static Kel::Ptr<Root> root;
+  return root;
+}
+}  // namespace
+
+const Kel::Ptr<Root>& theRoot() { return currentRoot(); }
+void theRootDel() { currentRoot() = nullptr; }
+
+Kel::Ptr<Root> rootFactory(Kel::Name name) { return Kel::make<Root>(std::move(name)); }
+
+void Root::handleInitialized() {
+  IRI_TRACE_BEGIN();
+  if (!initialized()) {
+    IRI_TRACE(0, "Initialized flag is not true");
+    return;
+  }
+  IRI_ASSERT(allIntfStatusDir());
+  IRI_ASSERT(allIntfStatusLocalDir());
+  IRI_ASSERT(ipStatus());
+  IRI_ASSERT(routingConfig());
+  IRI_TRACE(0, "All our needs are satisfied. Instantiating state machines");
+
+  kernelIntfStatusDirIs(Kel::Name("fwk"));
+  intfStatusManagerIs(nullptr, allIntfStatusDir(), allIntfStatusLocalDir(),
+                      kernelIntfStatusDir(), nullptr, nullptr, netNs());
+
+  IRI_TRACE(0, "Instantiating RoutingConfigSm");
+  routingConfigSmIs(routingConfig(), kernelIntfStatusDir(), intfStatusManager());
+
+  if (vrfName() == Ip::VrfName("default")) {
+    IRI_ASSERT(ip6Status());
+    IRI_ASSERT(routing6Config());
+    IRI_TRACE(0, "Instantiating Route6InputDirSm");
+    routing6ConfigSmIs(routing6Config(), kernelIntfStatusDir(), intfStatusManager());
+  }
+
+  if (currentRoot().ptr() != this) currentRoot() = Kel::Ptr<Root>(this);
+  fwk_task->task_ifachange_method = &Root::handleIfaChange;
+  IRI_TRACE_END();
+}
+
+void Root::handleIfaChange(_task*, _if_addr*) {
+  // The daemon reports interface address changes here once start-up has hooked fwk_task.
+  // Retrying the unresolved routes and re-reading addresses on such a report is not built yet;
+  // until it is, the report is accepted and ignored, so unresolved routes wait for their next
+  // change in the state database.
+}
+
+}  // namespace InterfaceRouteInfo
