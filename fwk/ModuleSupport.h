@@ -83,20 +83,19 @@ inline constexpr std::nullptr_t iriFunctionSignature_ = nullptr;
 #define IRI_FUNCTION_NAME_() \
   ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, __PRETTY_FUNCTION__)
 
-#define IRI_SIGNATURE(...)                                \
-  static const std::string iriFunctionSignature_ =        \
-      ::InterfaceRouteInfo::signatureOf(__VA_ARGS__);     \
+#define IRI_SIGNATURE(...)                                                                         \
+  static const std::string iriFunctionSignature_ = ::InterfaceRouteInfo::signatureOf(__VA_ARGS__); \
   static_assert(std::is_same_v<decltype(iriFunctionSignature_), const std::string>)
 
-#define IRI_TRACE_OBJ_(object, level, expr)                                                    \
-  do {                                                                                         \
-    if (::InterfaceRouteInfo::traceActive(level)) {                                            \
-      std::ostringstream iriTraceStream_;                                                      \
-      iriTraceStream_.precision(12);                                                           \
-      iriTraceStream_ << expr;                                                                 \
-      ::InterfaceRouteInfo::traceEmit(level, object, iriTraceStream_.str(), __LINE__,          \
-                                      IRI_FUNCTION_NAME_());                                   \
-    }                                                                                          \
+#define IRI_TRACE_OBJ_(object, level, expr)                                           \
+  do {                                                                                \
+    if (::InterfaceRouteInfo::traceActive(level)) {                                   \
+      std::ostringstream iriTraceStream_;                                             \
+      iriTraceStream_.precision(12);                                                  \
+      iriTraceStream_ << expr;                                                        \
+      ::InterfaceRouteInfo::traceEmit(level, object, iriTraceStream_.str(), __LINE__, \
+                                      IRI_FUNCTION_NAME_());                          \
+    }                                                                                 \
   } while (0)
 
 #define IRI_TRACE(level, expr) \

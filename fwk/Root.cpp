@@ -29,8 +29,8 @@ void Root::handleInitialized() {
   IRI_TRACE(0, "All our needs are satisfied. Instantiating state machines");
 
   kernelIntfStatusDirIs(Kel::Name("fwk"));
-  intfStatusManagerIs(nullptr, allIntfStatusDir(), allIntfStatusLocalDir(),
-                      kernelIntfStatusDir(), nullptr, nullptr, netNs());
+  intfStatusManagerIs(nullptr, allIntfStatusDir(), allIntfStatusLocalDir(), kernelIntfStatusDir(),
+                      nullptr, nullptr, netNs());
 
   IRI_TRACE(0, "Instantiating RoutingConfigSm");
   routingConfigSmIs(routingConfig(), kernelIntfStatusDir(), intfStatusManager());

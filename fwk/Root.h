@@ -21,21 +21,21 @@ namespace InterfaceRouteInfo {
 
 class Root : public Kel::Entity {
  public:
-#define KEL_ATTRS_Root(A)                                                                     \
-  A(SCALAR, vrfName, VrfName, Ip::VrfName, Ip::VrfName())                                     \
-  A(SCALAR, netNs, NetNs, Kanet::NamespaceName, Kanet::NamespaceName())                       \
-  A(POINTER, allIntfStatusDir, AllIntfStatusDir, Interface::AllIntfStatusDir)                 \
-  A(POINTER, allIntfStatusLocalDir, AllIntfStatusLocalDir, Interface::AllIntfStatusLocalDir)  \
-  A(POINTER, ipStatus, IpStatus, Ip::Status)                                                  \
-  A(POINTER, ip6Status, Ip6Status, Ip6::Status)                                               \
-  A(POINTER, routingConfig, RoutingConfig, Routing::Config)                                   \
-  A(POINTER, routing6Config, Routing6Config, Routing6::Config)                                \
-  A(CHILD, kernelIntfStatusDir, KernelIntfStatusDir, Interface::DeviceIntfStatusDir)          \
-  A(CHILD, intfStatusManager, IntfStatusManager, Interface::NetNsIntfStatusManager)           \
-  A(CHILD, routingConfigSm, RoutingConfigSm, RoutingConfigSm)                                 \
-  A(CHILD, routing6ConfigSm, Routing6ConfigSm, Routing6ConfigSm)                              \
-  A(HANDLER, handleIfaChange, HandleIfaChange)                                                \
-  A(SIGNAL, initialized, Initialized, bool, false, handleInitialized)                         \
+#define KEL_ATTRS_Root(A)                                                                    \
+  A(SCALAR, vrfName, VrfName, Ip::VrfName, Ip::VrfName())                                    \
+  A(SCALAR, netNs, NetNs, Kanet::NamespaceName, Kanet::NamespaceName())                      \
+  A(POINTER, allIntfStatusDir, AllIntfStatusDir, Interface::AllIntfStatusDir)                \
+  A(POINTER, allIntfStatusLocalDir, AllIntfStatusLocalDir, Interface::AllIntfStatusLocalDir) \
+  A(POINTER, ipStatus, IpStatus, Ip::Status)                                                 \
+  A(POINTER, ip6Status, Ip6Status, Ip6::Status)                                              \
+  A(POINTER, routingConfig, RoutingConfig, Routing::Config)                                  \
+  A(POINTER, routing6Config, Routing6Config, Routing6::Config)                               \
+  A(CHILD, kernelIntfStatusDir, KernelIntfStatusDir, Interface::DeviceIntfStatusDir)         \
+  A(CHILD, intfStatusManager, IntfStatusManager, Interface::NetNsIntfStatusManager)          \
+  A(CHILD, routingConfigSm, RoutingConfigSm, RoutingConfigSm)                                \
+  A(CHILD, routing6ConfigSm, Routing6ConfigSm, Routing6ConfigSm)                             \
+  A(HANDLER, handleIfaChange, HandleIfaChange)                                               \
+  A(SIGNAL, initialized, Initialized, bool, false, handleInitialized)                        \
   A(HANDLER, handleInitialized, HandleInitialized)
   KEL_ENTITY(Root, "InterfaceRouteInfo::Root", KEL_ATTRS_Root)
 #undef KEL_ATTRS_Root

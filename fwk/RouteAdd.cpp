@@ -21,8 +21,7 @@ constexpr uint64_t kStateKeepMask = 0xff9fffff;
 
 template <class Traits>
 void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
-  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::doAddRoute(", Traits::keyParam,
-                ", bool)");
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::doAddRoute(", Traits::keyParam, ", bool)");
   IRI_TRACE_BEGIN();
   // The steps, each of whose returns still passes through the END trace below.
   [&]() {
@@ -168,7 +167,8 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
       return;
     }
     IRI_TRACE(0, " Successfully added route for dest "
-                     << prefix << " Proto: " << static_cast<unsigned>(routeInput()->routingProto()));
+                     << prefix
+                     << " Proto: " << static_cast<unsigned>(routeInput()->routingProto()));
     IRI_ASSERT_TEXT(rt->rt_gwp->gw_proto == routeInput()->routingProto(),
                     Traits::assertOwnProtocol);
   }();

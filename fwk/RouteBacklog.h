@@ -21,8 +21,8 @@ template <class Traits>
 class RouteBacklogT : public Kel::Entity {
  public:
   using Key = typename Traits::Key;
-#define KEL_ATTRS_RouteBacklog(A)                           \
-  A(COLLECTION, backlog, Backlog, Key, bool)                \
+#define KEL_ATTRS_RouteBacklog(A)                         \
+  A(COLLECTION, backlog, Backlog, Key, bool)              \
   A(SCALAR, backlogQuantum, BacklogQuantum, double, 0.08) \
   A(SCALAR, backlogDelay, BacklogDelay, double, 0.04)
   KEL_ENTITY(RouteBacklogT, Traits::routeBacklogType, KEL_ATTRS_RouteBacklog)

@@ -20,8 +20,7 @@ RouteBacklogSmT<Traits>::RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr
                                          const DevDirPtr& kernelIntfStatusDir,
                                          const ManagerPtr& intfStatusManager)
     : Kel::Entity(backlog ? backlog->name() : Kel::Name()) {
-  kelInputsIs(clock, backlog, unresolved, routeInput, gwp, kernelIntfStatusDir,
-              intfStatusManager);
+  kelInputsIs(clock, backlog, unresolved, routeInput, gwp, kernelIntfStatusDir, intfStatusManager);
   kelBacklogClock_.notifierIs(clock);
   kelRouteBacklog_.notifierIs(backlog);
 }

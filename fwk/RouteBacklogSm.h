@@ -64,30 +64,29 @@ class RouteBacklogSmT : public Kel::Entity {
     RouteBacklogSmT* owner_;
   };
 
-#define KEL_ATTRS_RouteBacklogSm(A)                                                   \
-  A(INPUT, backlogClock, BacklogClock, ClockPtr)                                      \
-  A(INPUT, routeBacklog, RouteBacklog, BacklogPtr)                                    \
-  A(INPUT, unresolvedRouteBacklog, UnresolvedRouteBacklog, UnresolvedPtr)             \
-  A(INPUT, routeInput, RouteInput, RouteInputPtr)                                     \
-  A(INPUT, gwp, Gwp, GwPtr)                                                           \
-  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)                       \
-  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)                          \
-  A(SCALAR, backlogScheduled, BacklogScheduled, bool, false)                          \
-  A(SCALAR, backlogCount, BacklogCount, std::uint32_t, 0)                             \
-  A(SCALAR, initialized, Initialized, bool, false)                                    \
-  A(HANDLER, handleInitialized, HandleInitialized)                                    \
-  A(HANDLER, handleBacklog, HandleBacklog)                                            \
-  A(HANDLER, doAddBacklog, DoAddBacklog)                                              \
-  A(HANDLER, doAddRoute, DoAddRoute)                                                  \
-  A(HANDLER, doDeleteRoute, DoDeleteRoute)                                            \
+#define KEL_ATTRS_RouteBacklogSm(A)                                       \
+  A(INPUT, backlogClock, BacklogClock, ClockPtr)                          \
+  A(INPUT, routeBacklog, RouteBacklog, BacklogPtr)                        \
+  A(INPUT, unresolvedRouteBacklog, UnresolvedRouteBacklog, UnresolvedPtr) \
+  A(INPUT, routeInput, RouteInput, RouteInputPtr)                         \
+  A(INPUT, gwp, Gwp, GwPtr)                                               \
+  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)           \
+  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)              \
+  A(SCALAR, backlogScheduled, BacklogScheduled, bool, false)              \
+  A(SCALAR, backlogCount, BacklogCount, std::uint32_t, 0)                 \
+  A(SCALAR, initialized, Initialized, bool, false)                        \
+  A(HANDLER, handleInitialized, HandleInitialized)                        \
+  A(HANDLER, handleBacklog, HandleBacklog)                                \
+  A(HANDLER, doAddBacklog, DoAddBacklog)                                  \
+  A(HANDLER, doAddRoute, DoAddRoute)                                      \
+  A(HANDLER, doDeleteRoute, DoDeleteRoute)                                \
   A(HANDLER, doPrepareToDie, DoPrepareToDie)
   KEL_ENTITY(RouteBacklogSmT, Traits::routeBacklogSmType, KEL_ATTRS_RouteBacklogSm)
 #undef KEL_ATTRS_RouteBacklogSm
 
-  RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr& backlog,
-                  const UnresolvedPtr& unresolved, const RouteInputPtr& routeInput,
-                  gw_entry* gwp, const DevDirPtr& kernelIntfStatusDir,
-                  const ManagerPtr& intfStatusManager);
+  RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr& backlog, const UnresolvedPtr& unresolved,
+                  const RouteInputPtr& routeInput, gw_entry* gwp,
+                  const DevDirPtr& kernelIntfStatusDir, const ManagerPtr& intfStatusManager);
 
   // The IPv6 spelling of the route input accessor.
   const RouteInputPtr& route6Input() const { return routeInput(); }

@@ -32,8 +32,7 @@ void RouteInputDirSmT<Traits>::handleRouteInputDir() {
 
 template <class Traits>
 void RouteInputDirSmT<Traits>::handleRouteInputDir(const Kel::Name& name) {
-  IRI_SIGNATURE("void ", Traits::routeInputDirSmType, "::", Traits::handleInputDir,
-                "(Kel::Name)");
+  IRI_SIGNATURE("void ", Traits::routeInputDirSmType, "::", Traits::handleInputDir, "(Kel::Name)");
   if constexpr (Traits::traceDirEntryName) {
     IRI_TRACE(8, IRI_FUNCTION_NAME_() << " name " << name);
   } else {
@@ -82,8 +81,7 @@ Kel::Ptr<Route6InputDirSm> route6InputDirSmFactory(
     const Kel::Ptr<const Kel::Dir>& routeInputDir,
     const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
     const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Route6InputDirSm>(routeInputDir, kernelIntfStatusDir,
-                                            intfStatusManager);
+  return Kel::instantiate<Route6InputDirSm>(routeInputDir, kernelIntfStatusDir, intfStatusManager);
 }
 
 }  // namespace InterfaceRouteInfo

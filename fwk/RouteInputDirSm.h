@@ -40,14 +40,14 @@ class RouteInputDirSmT : public Kel::Entity {
     RouteInputDirSmT* owner_;
   };
 
-#define KEL_ATTRS_RouteInputDirSm(A)                                  \
-  A(INPUT, routeInputDir, RouteInputDir, DirPtr)                      \
-  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)       \
-  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)          \
-  A(CHILDREN, routeInputSm, RouteInputSm, Kel::String8, InputSm)      \
-  A(SCALAR, initialized, Initialized, bool, false)                    \
-  A(HANDLER, handleInitialized, HandleInitialized)                    \
-  A(HANDLER, handleRouteInputDir, HandleRouteInputDir)                \
+#define KEL_ATTRS_RouteInputDirSm(A)                             \
+  A(INPUT, routeInputDir, RouteInputDir, DirPtr)                 \
+  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)  \
+  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)     \
+  A(CHILDREN, routeInputSm, RouteInputSm, Kel::String8, InputSm) \
+  A(SCALAR, initialized, Initialized, bool, false)               \
+  A(HANDLER, handleInitialized, HandleInitialized)               \
+  A(HANDLER, handleRouteInputDir, HandleRouteInputDir)           \
   A(HANDLER, doPrepareToDie, DoPrepareToDie)
   KEL_ENTITY(RouteInputDirSmT, Traits::routeInputDirSmType, KEL_ATTRS_RouteInputDirSm)
 #undef KEL_ATTRS_RouteInputDirSm
@@ -63,14 +63,8 @@ class RouteInputDirSmT : public Kel::Entity {
   void doPrepareToDie();
 
   // The IPv6 spelling of the handlers.
-  void handleRoute6InputDir()
-    requires Traits::isIp6
-  {
-    handleRouteInputDir();
-  }
-  void handleRoute6InputDir(const Kel::Name& name)
-    requires Traits::isIp6
-  {
+  void handleRoute6InputDir() requires Traits::isIp6 { handleRouteInputDir(); }
+  void handleRoute6InputDir(const Kel::Name& name) requires Traits::isIp6 {
     handleRouteInputDir(name);
   }
 

@@ -110,8 +110,7 @@ Kel::Ptr<Route6InputSm> route6InputSmFactory(
     const Kel::String8& name, const Kel::Ptr<const Routing6::RouteInput>& routeInput,
     const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
     const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Route6InputSm>(name, routeInput, kernelIntfStatusDir,
-                                         intfStatusManager);
+  return Kel::instantiate<Route6InputSm>(name, routeInput, kernelIntfStatusDir, intfStatusManager);
 }
 
 }  // namespace InterfaceRouteInfo

@@ -68,18 +68,18 @@ class RouteInputSmT : public Kel::Entity {
     RouteInputSmT* owner_;
   };
 
-#define KEL_ATTRS_RouteInputSm(A)                                                  \
-  A(INPUT, name, Name, Kel::String8)                                               \
-  A(INPUT, routeInput, RouteInput, RouteInputPtr)                                  \
-  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)                    \
-  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)                       \
-  A(SCALAR, gwp, Gwp, GwPtr, nullptr)                                              \
-  A(CHILD, routeBacklog, RouteBacklog, Backlog)                                    \
-  A(CHILD, unresolvedRouteBacklog, UnresolvedRouteBacklog, Unresolved)             \
-  A(CHILD, routeBacklogSm, RouteBacklogSm, BacklogSm)                              \
-  A(NOTIFIEES, route, Route, Key, KelRoute, Route)                                 \
-  A(SCALAR, initialized, Initialized, bool, false)                                 \
-  A(HANDLER, handleInitialized, HandleInitialized)                                 \
+#define KEL_ATTRS_RouteInputSm(A)                                      \
+  A(INPUT, name, Name, Kel::String8)                                   \
+  A(INPUT, routeInput, RouteInput, RouteInputPtr)                      \
+  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)        \
+  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)           \
+  A(SCALAR, gwp, Gwp, GwPtr, nullptr)                                  \
+  A(CHILD, routeBacklog, RouteBacklog, Backlog)                        \
+  A(CHILD, unresolvedRouteBacklog, UnresolvedRouteBacklog, Unresolved) \
+  A(CHILD, routeBacklogSm, RouteBacklogSm, BacklogSm)                  \
+  A(NOTIFIEES, route, Route, Key, KelRoute, Route)                     \
+  A(SCALAR, initialized, Initialized, bool, false)                     \
+  A(HANDLER, handleInitialized, HandleInitialized)                     \
   A(HANDLER, handleRoute, HandleRoute)
   KEL_ENTITY(RouteInputSmT, Traits::routeInputSmType, KEL_ATTRS_RouteInputSm)
 #undef KEL_ATTRS_RouteInputSm

@@ -48,8 +48,7 @@ Kel::Ptr<Routing6ConfigSm> routing6ConfigSmFactory(
     const Kel::Ptr<const Routing6::Config>& routing6Config,
     const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
     const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Routing6ConfigSm>(routing6Config, kernelIntfStatusDir,
-                                            intfStatusManager);
+  return Kel::instantiate<Routing6ConfigSm>(routing6Config, kernelIntfStatusDir, intfStatusManager);
 }
 
 }  // namespace InterfaceRouteInfo

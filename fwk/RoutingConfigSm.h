@@ -34,13 +34,13 @@ class RoutingConfigSmT : public Kel::Entity {
     RoutingConfigSmT* owner_;
   };
 
-#define KEL_ATTRS_RoutingConfigSm(A)                                \
-  A(INPUT, routingConfig, RoutingConfig, ConfigPtr)                 \
-  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr)     \
-  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)        \
-  A(CHILD, routeInputDirSm, RouteInputDirSm, DirSm)                 \
-  A(SCALAR, initialized, Initialized, bool, false)                  \
-  A(HANDLER, handleInitialized, HandleInitialized)                  \
+#define KEL_ATTRS_RoutingConfigSm(A)                            \
+  A(INPUT, routingConfig, RoutingConfig, ConfigPtr)             \
+  A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, DevDirPtr) \
+  A(INPUT, intfStatusManager, IntfStatusManager, ManagerPtr)    \
+  A(CHILD, routeInputDirSm, RouteInputDirSm, DirSm)             \
+  A(SCALAR, initialized, Initialized, bool, false)              \
+  A(HANDLER, handleInitialized, HandleInitialized)              \
   A(HANDLER, handleRouteInputDir, HandleRouteInputDir)
   KEL_ENTITY(RoutingConfigSmT, Traits::routingConfigSmType, KEL_ATTRS_RoutingConfigSm)
 #undef KEL_ATTRS_RoutingConfigSm

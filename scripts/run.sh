@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# Builds the host program and runs it on the bundled scenario (or on the arguments given).
+# Builds the host program and runs it: on its bundled scenario, or with the arguments given
+# (a scenario file, --trace levels).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset default >/dev/null
 cmake --build --preset default -j"$(nproc)" --target corvd-sim
-if [ $# -eq 0 ]; then
-  set -- scenarios/default.scn
-fi
 exec build/default/tools/corvd-sim/corvd-sim "$@"

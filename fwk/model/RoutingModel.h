@@ -35,9 +35,11 @@ struct ViaT {
 
 enum RouteType : std::uint8_t { routeTypeUnicast = 0, routeTypeBlackhole = 1 };
 
-template <class Key, class Addr>
+template <class KeyT, class AddrT>
 class RouteT : public Kel::Entity {
  public:
+  using Key = KeyT;
+  using Addr = AddrT;
   using Via = ViaT<Addr>;
 #define KEL_ATTRS_RoutingRoute(A)                  \
   A(INPUT, key, Key, Key)                          \
@@ -48,12 +50,13 @@ class RouteT : public Kel::Entity {
 #undef KEL_ATTRS_RoutingRoute
 
   explicit RouteT(const Key& k) : Kel::Entity(k.toString()) { kelInputsIs(k); }
-  const Key& key() const { return key_; }
 };
 
-template <class Key, class Addr>
+template <class KeyT, class AddrT>
 class RouteInputT : public Kel::Entity {
  public:
+  using Key = KeyT;
+  using Addr = AddrT;
   using Route = RouteT<Key, Addr>;
   using RoutePtr = Kel::Ptr<Route>;
 #define KEL_ATTRS_RoutingRouteInput(A)                            \

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "fwk/daemon/corvd.h"
+#include "fwk/daemon/host_conf.h"
 
 inline uint32_t ip4(const char* text) {
   in_addr a{};
@@ -24,16 +25,13 @@ inline sockaddr_un* in6(const char* text) {
 }
 
 inline if_link* addLink(unsigned long index, const char* name, bool up, flag_t extra = 0) {
-  if_conf_open(fwk_task, 0);
-  if_link* l = if_conf_addlink(fwk_task, ifl_locate_index(index), index, (up ? IFS_UP : 0) | extra,
-                               0, 1500, name, static_cast<int>(strlen(name)), nullptr);
-  if_conf_close(fwk_task, 1);
-  return l;
+  return corvd_host_link(index, name, up, extra);
 }
 
 // Adds local/len (with `peer` as remote when given) to the link `index`.
 inline if_addr* addAddr(unsigned long index, sockaddr_un* local, int len,
                         sockaddr_un* peer = nullptr, flag_t state = 0) {
+  if (state == 0) return corvd_host_addr(index, local, len, peer);
   if_info req{};
   req.ifi_link = ifl_locate_index(index);
   req.ifi_state = state;
@@ -46,22 +44,9 @@ inline if_addr* addAddr(unsigned long index, sockaddr_un* local, int len,
   return a;
 }
 
-inline void delAddr(unsigned long index, sockaddr_un* local) {
-  if_info req{};
-  req.ifi_link = ifl_locate_index(index);
-  req.ifi_addr_local = sockdup(local);
-  if_conf_open(fwk_task, 0);
-  if_conf_deladdr(fwk_task, &req);
-  if_conf_close(fwk_task, 1);
-}
+inline void delAddr(unsigned long index, sockaddr_un* local) { corvd_host_addr_del(index, local); }
 
-inline void delLink(unsigned long index) {
-  if_link* l = ifl_locate_index(index);
-  std::string name = l ? l->ifl_name : "";
-  if_conf_open(fwk_task, 0);
-  if_conf_dellink(fwk_task, index, name.c_str());
-  if_conf_close(fwk_task, 1);
-}
+inline void delLink(unsigned long index) { corvd_host_link_del(index); }
 
 inline std::string misuseText() {
   std::string out;

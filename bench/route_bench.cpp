@@ -1,0 +1,194 @@
+// Route mirroring at full-table scale, on the real clock with the default quantum (0.08 s) and
+// delay (0.04 s), tracing off: publish N routes whose next hops resolve to a few daemon
+// interfaces, run the activity loop until every one is in the daemon's table, then withdraw them
+// all and run until the table is empty again.
+// Reported per run: wall seconds and CPU ns per route for mirroring and for withdrawal, the
+// longest single drain slice, the number of drain batches, and bytes per installed route, split
+// into the state database's own routes (model) and what the module and the daemon hold for them
+// (measured by counting live heap bytes).
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+#include <thread>
+
+#include "fwk/Root.h"
+#include "fwk/daemon/corvd.h"
+#include "fwk/daemon/host_conf.h"
+#include "fwk/framework/ActivityManager.h"
+#include "fwk/framework/Trace.h"
+
+namespace {
+
+std::atomic<long long> liveBytes{0};
+
+}  // namespace
+
+// Live heap bytes of the process: every allocation carries its size in a small header.
+void* operator new(std::size_t n) {
+  auto* p = static_cast<std::size_t*>(std::malloc(n + 16));
+  if (!p) throw std::bad_alloc();
+  *p = n;
+  liveBytes.fetch_add(static_cast<long long>(n), std::memory_order_relaxed);
+  return reinterpret_cast<char*>(p) + 16;
+}
+void operator delete(void* q) noexcept {
+  if (!q) return;
+  auto* p = reinterpret_cast<std::size_t*>(static_cast<char*>(q) - 16);
+  liveBytes.fetch_sub(static_cast<long long>(*p), std::memory_order_relaxed);
+  std::free(p);
+}
+void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
+
+namespace {
+
+using namespace InterfaceRouteInfo;
+
+double cpuSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+struct LoopStats {
+  double longestSlice = 0;
+};
+
+// Runs the activity loop on real time until `done` holds, timing every pass.
+template <class Done>
+void runUntil(Done done, LoopStats& stats) {
+  Kel::ActivityManager& am = *Kel::activityManager();
+  while (!done()) {
+    const double next = am.nextTime();
+    if (next == Kel::endOfTime) break;
+    const double wait = next - am.currentTime();
+    if (wait > 0) std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+    const double t0 = wallSeconds();
+    am.runOnce();
+    stats.longestSlice = std::max(stats.longestSlice, wallSeconds() - t0);
+  }
+}
+
+template <bool V6>
+void mirror(benchmark::State& state) {
+  const long n = state.range(0);
+  for (auto _ : state) {
+    corvd_reset();
+    Kel::activityManager()->reset();
+    Kel::traceConfigIs("InterfaceRouteInfo/none");
+    // Four interfaces, each with an IPv4 and an IPv6 subnet; next hops spread over them.
+    auto all = Kel::make<Interface::AllIntfStatusDir>("all");
+    for (unsigned i = 1; i <= 4; ++i) {
+      corvd_host_link(i, ("et" + std::to_string(i)).c_str(), true);
+      corvd_host_addr(i, sockbuild_in(0, htonl(0x0a000001u + (i << 8))), 24);
+      uint8_t b[16] = {0x20, 0x01, 0x0d, 0xb8, 0, static_cast<uint8_t>(i)};
+      b[15] = 1;
+      corvd_host_addr(i, sockbuild_in6(0, b), 64);
+    }
+    auto config = Kel::make<Routing::Config>("routing");
+    auto config6 = Kel::make<Routing6::Config>("routing6");
+    auto dir = Kel::make<Kel::Dir>("routeInput");
+    auto dir6 = Kel::make<Kel::Dir>("route6Input");
+    config->routeInputDirIs(dir);
+    config6->routeInputDirIs(dir6);
+    auto root = rootFactory("root");
+    root->vrfNameIs(Ip::VrfName("default"));
+    root->allIntfStatusDirIs(all);
+    root->allIntfStatusLocalDirIs(Kel::make<Interface::AllIntfStatusLocalDir>("local"));
+    root->ipStatusIs(Kel::make<Ip::Status>("ip"));
+    root->ip6StatusIs(Kel::make<Ip6::Status>("ip6"));
+    root->routingConfigIs(config);
+    root->routing6ConfigIs(config6);
+    root->initializedIs(true);
+
+    // The state database's routes, published before the protocol's input is in the directory.
+    using Traits = std::conditional_t<V6, Ip6RouteTraits, Ip4RouteTraits>;
+    using Input = typename Traits::RouteInput;
+    auto in = Kel::make<Input>(Kel::Name("bgp"));
+    in->routingProtoIs(8);
+    in->preferenceIs(20);
+    const long long before = liveBytes.load();
+    for (long i = 0; i < n; ++i) {
+      const auto hopIntf = static_cast<uint8_t>(1 + i % 4);
+      if constexpr (V6) {
+        Kanet::Ip6Addr dest;
+        dest.u8Is(0, 0x20);
+        dest.u8Is(1, 0x01);
+        dest.u8Is(2, 0x0d);
+        dest.u8Is(3, 0xb9);
+        dest.u8Is(4, static_cast<uint8_t>(i >> 16));
+        dest.u8Is(5, static_cast<uint8_t>(i >> 8));
+        dest.u8Is(6, static_cast<uint8_t>(i));
+        Kanet::Ip6Addr hop = Kanet::Ip6Addr::fromString("2001:db8::2");
+        hop.u8Is(5, hopIntf);
+        auto r = in->routeNew(Routing6::RouteKey(dest, 56));
+        r->viaIs(Routing6::Via{Kanet::IntfId(), hop}, true);
+      } else {
+        const Kanet::IpAddr dest(0x64000000u + (static_cast<uint32_t>(i) << 8));
+        const Kanet::IpAddr hop(0x0a000002u + (static_cast<uint32_t>(hopIntf) << 8));
+        auto r = in->routeNew(Routing::RouteKey(dest, 24));
+        r->viaIs(Routing::Via{Kanet::IntfId(), hop}, true);
+      }
+    }
+    const long long modelBytes = liveBytes.load() - before;
+
+    // Mirror: the input appears in the directory; the module queues and drains every route.
+    LoopStats mirrorStats;
+    const long long beforeMirror = liveBytes.load();
+    const double w0 = wallSeconds();
+    const double c0 = cpuSeconds();
+    (V6 ? dir6 : dir)->entityPtrIs(Kel::Name("bgp"), in);
+    runUntil([&] { return rt_entry_count() == static_cast<std::size_t>(n); }, mirrorStats);
+    const double mirrorWall = wallSeconds() - w0;
+    const double mirrorCpu = cpuSeconds() - c0;
+    const long long moduleDaemonBytes = liveBytes.load() - beforeMirror;
+    if (rt_entry_count() != static_cast<std::size_t>(n)) state.SkipWithError("not all mirrored");
+
+    // Withdraw every route and run until the table is empty.
+    LoopStats withdrawStats;
+    const double w1 = wallSeconds();
+    const double c1 = cpuSeconds();
+    in->routeDelAll();
+    runUntil([&] { return rt_entry_count() == 0; }, withdrawStats);
+    const double withdrawWall = wallSeconds() - w1;
+    const double withdrawCpu = cpuSeconds() - c1;
+
+    const auto sm = [&] {
+      if constexpr (V6) {
+        return root->routing6ConfigSm()->routeInputDirSm()->routeInputSm("bgp")->routeBacklogSm();
+      } else {
+        return root->routingConfigSm()->routeInputDirSm()->routeInputSm("bgp")->routeBacklogSm();
+      }
+    }();
+    state.counters["mirror_wall_s"] = mirrorWall;
+    state.counters["mirror_cpu_ns_per_route"] = mirrorCpu * 1e9 / static_cast<double>(n);
+    state.counters["mirror_longest_slice_ms"] = mirrorStats.longestSlice * 1e3;
+    state.counters["withdraw_wall_s"] = withdrawWall;
+    state.counters["withdraw_cpu_ns_per_route"] = withdrawCpu * 1e9 / static_cast<double>(n);
+    state.counters["withdraw_longest_slice_ms"] = withdrawStats.longestSlice * 1e3;
+    state.counters["batches"] = sm ? sm->backlogCount() : 0;
+    state.counters["module_daemon_B_per_route"] =
+        static_cast<double>(moduleDaemonBytes) / static_cast<double>(n);
+    state.counters["model_B_per_route"] = static_cast<double>(modelBytes) / static_cast<double>(n);
+
+    root = nullptr;
+    theRootDel();
+    corvd_reset();
+    Kel::activityManager()->reset();
+  }
+}
+
+BENCHMARK(mirror<false>)
+    ->Name("mirror_ipv4")
+    ->Arg(1000000)
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
+BENCHMARK(mirror<true>)->Name("mirror_ipv6")->Arg(250000)->Iterations(1)->Unit(benchmark::kSecond);
+
+}  // namespace

@@ -1,0 +1,31 @@
+// The module's trace handle, trace hand-off and assertion failure.
+#include "fwk/ModuleSupport.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace InterfaceRouteInfo {
+
+Kel::TraceHandle* _defaultTraceHandle() {
+  static Kel::TraceHandle* const handle = Kel::traceHandle("InterfaceRouteInfo");
+  return handle;
+}
+
+bool traceActive(int level) {
+  static const Kel::TraceHandle* const handle = _defaultTraceHandle();
+  return handle->active(level);
+}
+
+void traceEmit(int level, const std::string& object, const std::string& message, int line,
+               const char* function) {
+  _defaultTraceHandle()->emit(level, object, message, kTraceFileName, line, function);
+}
+
+void assertFailed(const char* expression, int line, const char* function) {
+  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", kTraceFileName, line, function,
+               expression);
+  std::fflush(stderr);
+  std::abort();
+}
+
+}  // namespace InterfaceRouteInfo

@@ -1,0 +1,90 @@
+// Start-up of the module root: the trace sequence, the required inputs (assertion deaths), the
+// exact VRF comparison, theRoot and the daemon hook.
+#include "tests/module/RouteWorld.h"
+
+namespace RouteTest {
+namespace {
+
+using RootStart = RouteWorld;
+
+std::vector<std::string> startTrace(const Kel::TraceRecorder& rec) {
+  std::vector<std::string> out;
+  for (const auto& r : rec.records()) {
+    if (r.level == 0 || r.message.rfind("void InterfaceRouteInfo::Root::", 0) == 0) {
+      out.push_back(std::to_string(r.level) + " " + r.message);
+    }
+  }
+  return out;
+}
+
+TEST_F(RootStart, StartUpOrderInTheDefaultVrf) {
+  start("default");
+  const std::string sig = "void InterfaceRouteInfo::Root::handleInitialized()";
+  const std::vector<std::string> want = {
+      "8 " + sig + "BEGIN",
+      "0 All our needs are satisfied. Instantiating state machines",
+      "0 Instantiating RoutingConfigSm",
+      "0 Instantiating Route6InputDirSm",
+      "8 " + sig + "END",
+  };
+  EXPECT_EQ(startTrace(rec_), want);
+  EXPECT_EQ(root_->kernelIntfStatusDir()->name().string(), "fwk");
+  EXPECT_TRUE(root_->intfStatusManager());
+  EXPECT_TRUE(root_->routingConfigSm()->initialized());
+  EXPECT_TRUE(root_->routing6ConfigSm()->initialized());
+  EXPECT_EQ(theRoot(), root_);
+  EXPECT_EQ(fwk_task->task_ifachange_method, &Root::handleIfaChange);
+
+  // Setting initialized true again is no change; false only traces, with no END.
+  rec_.clear();
+  root_->initializedIs(true);
+  EXPECT_TRUE(rec_.records().empty());
+  root_->initializedIs(false);
+  EXPECT_EQ(startTrace(rec_),
+            (std::vector<std::string>{"8 " + sig + "BEGIN", "0 Initialized flag is not true"}));
+  EXPECT_TRUE(root_->routingConfigSm());
+}
+
+TEST_F(RootStart, SecondVrfBecomesTheRootAndHasNoIpv6) {
+  start("default");
+  auto first = root_;
+  root_ = rootFactory("blue");
+  root_->vrfNameIs(Ip::VrfName("blue"));
+  root_->allIntfStatusDirIs(all_);
+  root_->allIntfStatusLocalDirIs(local_);
+  root_->ipStatusIs(ipStatus_);
+  root_->routingConfigIs(config_);
+  root_->initializedIs(true);  // ip6Status and routing6Config null: fine outside "default"
+  EXPECT_FALSE(root_->routing6ConfigSm());
+  EXPECT_EQ(theRoot(), root_);
+  EXPECT_NE(theRoot(), first);
+}
+
+using RootDeath = RouteWorld;
+
+TEST_F(RootDeath, MissingRequiredInputsStopTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const std::string fn = "void InterfaceRouteInfo::Root::handleInitialized\\(\\)";
+  auto startWithout = [this](const std::string& missing, const char* vrf) {
+    auto root = rootFactory("r");
+    root->vrfNameIs(Ip::VrfName(vrf));
+    if (missing != "all") root->allIntfStatusDirIs(all_);
+    if (missing != "local") root->allIntfStatusLocalDirIs(local_);
+    if (missing != "ip") root->ipStatusIs(ipStatus_);
+    if (missing != "ip6") root->ip6StatusIs(ip6Status_);
+    if (missing != "routing") root->routingConfigIs(config_);
+    if (missing != "routing6") root->routing6ConfigIs(config6_);
+    root->initializedIs(true);
+  };
+  const std::string file = "InterfaceRouteInfo\\.tin:[0-9]+: ";
+  EXPECT_DEATH(startWithout("all", "red"),
+               file + fn + ": Assertion `allIntfStatusDir\\(\\)' failed\\.");
+  EXPECT_DEATH(startWithout("local", "red"), "Assertion `allIntfStatusLocalDir\\(\\)' failed");
+  EXPECT_DEATH(startWithout("ip", "red"), "Assertion `ipStatus\\(\\)' failed");
+  EXPECT_DEATH(startWithout("routing", "red"), "Assertion `routingConfig\\(\\)' failed");
+  EXPECT_DEATH(startWithout("ip6", "default"), "Assertion `ip6Status\\(\\)' failed");
+  EXPECT_DEATH(startWithout("routing6", "default"), "Assertion `routing6Config\\(\\)' failed");
+}
+
+}  // namespace
+}  // namespace RouteTest

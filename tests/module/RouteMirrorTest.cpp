@@ -1,0 +1,190 @@
+// Route mirroring end to end: route inputs published in the state database reach the daemon's
+// routing table through the backlog drain, and their changes and removal follow.
+#include <algorithm>
+
+#include "tests/module/RouteWorld.h"
+
+namespace RouteTest {
+namespace {
+
+bool hasEvent(const Kel::TraceRecorder& rec, const std::string& text) {
+  const auto ev = events(rec);
+  return std::find(ev.begin(), ev.end(), text) != ev.end();
+}
+
+class RouteMirror : public RouteWorld {
+ protected:
+  void SetUp() override {
+    RouteWorld::SetUp();
+    intf("Ethernet1", "et1", 1, "10.0.1.1/24");
+    intf("Ethernet2", "et2", 2, "10.0.2.1/24");
+    intf("Tunnel3", "tun3", 3, "192.0.2.1/32", "198.51.100.7");
+    intf("Ethernet4", "et4", 4);  // known to the state database, no daemon address
+  }
+};
+
+TEST_F(RouteMirror, ResolvesEveryKindOfNextHop) {
+  auto bgp = input("bgp", 8, 20);
+  publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}, {"", "10.0.2.2"}});
+  publish(bgp, "10.0.2.128/25", {{"Ethernet2", ""}});          // interface covers the dest
+  publish(bgp, "198.51.100.7/32", {{"Tunnel3", ""}});          // point-to-point: the peer
+  publish(bgp, "172.20.0.0/16", {{"Ethernet1", "10.0.1.9"}});  // no cover: interface address
+  publish(bgp, "192.168.0.0/16", {{"", "10.0.1.2"}})->routeTypeIs(1);  // blackhole: vias ignored
+  publish(bgp, "0.0.0.0/0", {{"", "10.0.1.254"}});
+  publish(bgp, "100.64.0.0/10", {{"", "10.0.1.3"}, {"", "10.9.9.9"}});  // second hop unreachable
+  publish(bgp, "100.96.0.0/12", {{"Ethernet9", ""}});                   // interface not local
+  publish(bgp, "100.112.0.0/12", {{"Ethernet4", ""}});                  // no address on it
+  start();
+  run();
+
+  const std::map<std::string, std::string> want = {
+      {"10.0.2.128/25", "pref 20 via 10.0.2.1 dev et2"},
+      {"172.20.0.0/16", "pref 20 via 10.0.1.1 dev et1"},
+      {"192.168.0.0/16", "pref 20 blackhole"},
+      {"198.51.100.7/32", "pref 20 via 198.51.100.7 dev tun3"},
+      {"203.0.113.0/24", "pref 20 via 10.0.1.2 dev et1, via 10.0.2.2 dev et2"},
+  };
+  EXPECT_EQ(daemonRoutes(8), want);
+  EXPECT_TRUE(hasEvent(rec_, "Subnet length cannot be zero"));
+  EXPECT_TRUE(hasEvent(rec_, "There is no interface with nexthop 10.9.9.9"));
+  EXPECT_TRUE(hasEvent(rec_, "Interface Ethernet9is not local to us"));
+  EXPECT_TRUE(hasEvent(rec_, "No ip address on interface, cannot add the route"));
+  EXPECT_TRUE(hasEvent(rec_, "Successfully added blackhole route for dest 192.168.0.0/16"));
+  EXPECT_TRUE(hasEvent(rec_, " Successfully added route for dest 203.0.113.0/24 Proto: 8"));
+  EXPECT_TRUE(hasEvent(rec_,
+                       "Interface Ethernet1 doesn't have ip address in same subnet as dest"
+                       "172.20.0.0/16"));
+
+  // The unresolvable ones are parked, and the drain never retries them by itself.
+  auto sm = root_->routingConfigSm()->routeInputDirSm()->routeInputSm("bgp");
+  ASSERT_TRUE(sm);
+  auto& parked = *sm->unresolvedRouteBacklog();
+  EXPECT_EQ(parked.backlogCount(), 3u);
+  EXPECT_TRUE(parked.backlog(key("100.64.0.0/10")));
+  EXPECT_FALSE(parked.backlog(key("0.0.0.0/0")));
+  const auto adds = corvd_call_count("rt_add");
+  run(5.0);
+  EXPECT_EQ(corvd_call_count("rt_add"), adds);
+  EXPECT_EQ(sm->routeBacklog()->backlogCount(), 0u);
+}
+
+TEST_F(RouteMirror, ChangesInPlaceAndDeletesOnlyItsOwnEntries) {
+  auto stat = input("static", 2, 1);
+  auto bgp = input("bgp", 8, 20);
+  publish(stat, "203.0.113.0/24", {{"", "10.0.2.9"}});
+  auto r = publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}});
+  start();
+  run();
+  EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref 20 via 10.0.1.2 dev et1");
+  const rt_head* head = rt_table_locate(sockbuild_in(0, ip("203.0.113.0").valueNetworkOrder()),
+                                        sock_mask_by_len(SA_FAMILY_INET, 24));
+  ASSERT_TRUE(head);
+  ASSERT_EQ(head->rth_n_entries, 2u);
+
+  // A via change is made in place: no delete, one change.
+  const auto deletes = corvd_call_count("rt_delete");
+  const auto changes = corvd_call_count("rt_change_s");
+  r->viaDel(Routing::Via{Kanet::IntfId(""), ip("10.0.1.2")});
+  r->viaIs(Routing::Via{Kanet::IntfId(""), ip("10.0.2.2")}, true);
+  r->viaIs(Routing::Via{Kanet::IntfId(""), ip("10.0.1.5")}, true);
+  run();
+  EXPECT_EQ(corvd_call_count("rt_change_s"), changes + 1);  // three notifications, one update
+  EXPECT_EQ(corvd_call_count("rt_delete"), deletes);
+  EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"),
+            "pref 20 via 10.0.2.2 dev et2, via 10.0.1.5 dev et1");
+  EXPECT_TRUE(hasEvent(rec_, "Route already present in corvd, so just changing it."));
+
+  // Withdrawal removes this protocol's entry and leaves the static one.
+  bgp->routeDel(key("203.0.113.0/24"));
+  run();
+  EXPECT_TRUE(daemonRoutes(8).empty());
+  EXPECT_EQ(daemonRoutes(2).at("203.0.113.0/24"), "pref 1 via 10.0.2.9 dev et2");
+  EXPECT_TRUE(hasEvent(rec_, "Successfully deleted route from corvd for dest203.0.113.0/24"));
+}
+
+TEST_F(RouteMirror, FailedDaemonAddIsReportedAndNotRetried) {
+  auto bgp = input("bgp", 8, 20);
+  publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}});
+  corvd_fail_rt_add(1);
+  start();
+  run();
+  EXPECT_TRUE(daemonRoutes(8).empty());
+  EXPECT_TRUE(hasEvent(rec_, "Could not add route to corvd( rt_add failure )"));
+  // A later change of the route brings it in.
+  bgp->route(key("203.0.113.0/24"))->tagIs(7);
+  run();
+  EXPECT_EQ(daemonRoutes(8).size(), 1u);
+}
+
+TEST_F(RouteMirror, RouteInputReactorsFollowTheDirectory) {
+  auto bgp = input("bgp", 0, 20);  // no protocol yet
+  publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}});
+  start();
+  run();
+  auto dirSm = root_->routingConfigSm()->routeInputDirSm();
+  ASSERT_TRUE(dirSm);
+  auto sm = dirSm->routeInputSm("bgp");
+  ASSERT_TRUE(sm);
+  EXPECT_FALSE(sm->initialized());
+  EXPECT_FALSE(sm->routeBacklogSm());
+  EXPECT_EQ(corvd_call_count("gw_init"), 0u);
+  EXPECT_TRUE(daemonRoutes(8).empty());
+
+  bgp->routingProtoIs(8);  // now it starts, and catches up on the existing route
+  run();
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_EQ(corvd_call_count("gw_init"), 1u);
+  EXPECT_EQ(daemonRoutes(8).size(), 1u);
+  EXPECT_TRUE(hasEvent(rec_, "Intitiating gateway for protocol bgp"));
+  EXPECT_TRUE(hasEvent(rec_, "Instantiating routeInputSm for protocolbgp"));
+
+  // Clearing the configuration's directory leaves everything in place.
+  config_->routeInputDirIs(nullptr);
+  EXPECT_EQ(root_->routingConfigSm()->routeInputDirSm(), dirSm);
+  EXPECT_EQ(dirSm->routeInputSm("bgp"), sm);
+
+  // A second notification for a name whose input and reactor exist tears the reactor down and
+  // withdraws the protocol's routes; it comes back only with the next notification.
+  dir_->entityPtrDel(Kel::Name("bgp"));
+  dir_->entityPtrIs(Kel::Name("bgp"), bgp);  // reactor gone after the removal ...
+  EXPECT_TRUE(dirSm->routeInputSm("bgp"));   // ... and rebuilt by the new entry
+  dirSm->handleRouteInputDir(Kel::Name("bgp"));
+  EXPECT_FALSE(dirSm->routeInputSm("bgp"));
+  EXPECT_TRUE(hasEvent(rec_, "Deleting routeInputSm for protocolbgp"));
+  run();
+  EXPECT_TRUE(daemonRoutes(8).empty());
+  EXPECT_EQ(corvd_call_count("gw_free"), 2u);
+}
+
+TEST_F(RouteMirror, Ipv6RoutesInTheDefaultVrfOnly) {
+  daemonAddr(1, "2001:db8:1::1/64");
+  auto bgp6 = input6("bgp6", 8, 20);
+  publish6(bgp6, "2001:db8:100::/48", {{"", "2001:db8:1::2"}});
+  publish6(bgp6, "2001:db8:200::/48", {{"", "2001:db8:9::9"}});
+  publish6(bgp6, "::/0", {{"", "2001:db8:1::2"}});
+  start();
+  run();
+  EXPECT_EQ(daemonRoutes(8), (std::map<std::string, std::string>{
+                                 {"2001:db8:100::/48", "pref 20 via 2001:db8:1::2 dev et1"}}));
+  EXPECT_TRUE(hasEvent(rec_, "There is no interface for nexthop 2001:db8:9::9"));
+  EXPECT_TRUE(hasEvent(rec_, "Subnet length cannot be zero"));
+  EXPECT_TRUE(hasEvent(rec_, "Intitiating gateway for protocol bgp6-redist"));
+  EXPECT_TRUE(hasEvent(rec_, "Instantiating route6InputSm for protocolbgp6"));
+  bgp6->routeDel(key6("2001:db8:100::/48"));
+  run();
+  EXPECT_TRUE(daemonRoutes(8).empty());
+}
+
+TEST_F(RouteMirror, NonDefaultVrfHasNoIpv6Reactors) {
+  auto bgp6 = input6("bgp6", 8, 20);
+  daemonAddr(1, "2001:db8:1::1/64");
+  publish6(bgp6, "2001:db8:100::/48", {{"", "2001:db8:1::2"}});
+  start("Default");  // the comparison with "default" is exact
+  run();
+  EXPECT_FALSE(root_->routing6ConfigSm());
+  EXPECT_TRUE(root_->routingConfigSm());
+  EXPECT_TRUE(daemonRoutes(8).empty());
+}
+
+}  // namespace
+}  // namespace RouteTest

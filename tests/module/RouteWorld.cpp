@@ -1,0 +1,180 @@
+#include "tests/module/RouteWorld.h"
+
+#include <sstream>
+
+namespace RouteTest {
+
+namespace {
+
+std::string text(const sockaddr_un* a) {
+  char buf[96];
+  sockaddr_format(a, buf, sizeof buf);
+  return buf;
+}
+
+sockaddr_un* sockOf(const std::string& t) {
+  if (t.find(':') != std::string::npos) {
+    const Kanet::Ip6Addr a = Kanet::Ip6Addr::fromString(t);
+    uint8_t b[16];
+    for (int i = 0; i < 16; ++i) b[i] = a.u8(i);
+    return sockbuild_in6(0, b);
+  }
+  return sockbuild_in(0, Kanet::IpAddr::fromString(t).valueNetworkOrder());
+}
+
+struct Collect {
+  uint16_t proto;
+  std::map<std::string, std::string>* out;
+};
+
+void collectHead(rt_head* rth, void* arg) {
+  auto& c = *static_cast<Collect*>(arg);
+  std::string all;
+  for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next) {
+    if (rt->rt_gwp->gw_proto != c.proto) continue;
+    std::ostringstream os;
+    os << "pref " << rt->rt_preference;
+    if (rt->rt_adj.adj_n_gw == 0) os << " blackhole";
+    for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
+      const if_addr* a = rt->rt_adj.adj_ifaps[j];
+      os << (j ? ", via " : " via ") << text(rt->rt_adj.adj_routers[j]) << " dev "
+         << (a ? a->ifa_info.ifi_link->ifl_name : "-");
+    }
+    all += (all.empty() ? "" : " | ") + os.str();
+  }
+  if (all.empty()) return;
+  (*c.out)[text(&rth->rth_dest) + "/" + std::to_string(rth->rth_plen)] = all;
+}
+
+}  // namespace
+
+std::map<std::string, std::string> daemonRoutes(uint16_t proto) {
+  std::map<std::string, std::string> out;
+  Collect c{proto, &out};
+  rt_head_walk(&collectHead, &c);
+  return out;
+}
+
+std::vector<std::string> events(const Kel::TraceRecorder& rec) {
+  std::vector<std::string> out;
+  for (const auto& r : rec.records()) {
+    if (r.level == 0) out.push_back(r.message);
+  }
+  return out;
+}
+
+void RouteWorld::SetUp() {
+  corvd_reset();
+  Kel::activityManager()->reset();
+  Kel::activityManager()->manualTimeIs(100.0);
+  Kel::traceSinkIs(&rec_);
+  Kel::traceConfigIs("InterfaceRouteInfo/0-9");
+  all_ = Kel::make<Interface::AllIntfStatusDir>("all");
+  local_ = Kel::make<Interface::AllIntfStatusLocalDir>("local");
+  ipStatus_ = Kel::make<Ip::Status>("ip");
+  ip6Status_ = Kel::make<Ip6::Status>("ip6");
+  config_ = Kel::make<Routing::Config>("routing");
+  config6_ = Kel::make<Routing6::Config>("routing6");
+  dir_ = Kel::make<Kel::Dir>("routeInput");
+  dir6_ = Kel::make<Kel::Dir>("route6Input");
+  config_->routeInputDirIs(dir_);
+  config6_->routeInputDirIs(dir6_);
+}
+
+void RouteWorld::TearDown() {
+  root_ = nullptr;
+  theRootDel();
+  Kel::traceSinkIs(nullptr);
+  Kel::traceConfigIs("InterfaceRouteInfo/0");
+  EXPECT_EQ(corvd_misuse_count(), 0u) << [] {
+    std::string s;
+    for (const auto& m : corvd_misuse_log()) s += m + "\n";
+    return s;
+  }();
+  corvd_reset();
+  Kel::activityManager()->reset();
+}
+
+void RouteWorld::start(const char* vrf) {
+  root_ = rootFactory("root");
+  root_->vrfNameIs(Ip::VrfName(vrf));
+  root_->allIntfStatusDirIs(all_);
+  root_->allIntfStatusLocalDirIs(local_);
+  root_->ipStatusIs(ipStatus_);
+  root_->ip6StatusIs(ip6Status_);
+  root_->routingConfigIs(config_);
+  root_->routing6ConfigIs(config6_);
+  root_->initializedIs(true);
+}
+
+void RouteWorld::intf(const char* intfId, const char* device, unsigned ifIndex, const char* addr,
+                      const char* peer) {
+  const Kanet::IntfId id(intfId);
+  auto status = Kel::make<Interface::IntfStatus>(id);
+  status->deviceNameIs(device);
+  status->ifIndexIs(ifIndex);
+  status->operStatusUpIs(true);
+  all_->intfStatusIs(id, status);
+  corvd_host_link(ifIndex, device, true);
+  if (addr) daemonAddr(ifIndex, addr, peer);
+}
+
+void RouteWorld::daemonAddr(unsigned ifIndex, const char* addr, const char* peer) {
+  const std::string a(addr);
+  const auto slash = a.find('/');
+  sockaddr_un local = *sockOf(a.substr(0, slash));
+  sockaddr_un remote{};
+  if (peer) remote = *sockOf(peer);
+  ASSERT_NE(
+      corvd_host_addr(ifIndex, &local, std::stoi(a.substr(slash + 1)), peer ? &remote : nullptr),
+      nullptr);
+}
+
+Kel::Ptr<Routing::RouteInput> RouteWorld::input(const char* name, uint8_t proto, uint8_t pref) {
+  if (auto e = Kel::ptr_cast<Routing::RouteInput>(dir_->entityPtr(Kel::Name(name)))) return e;
+  auto in = Kel::make<Routing::RouteInput>(Kel::Name(name));
+  in->routingProtoIs(proto);
+  in->preferenceIs(pref);
+  dir_->entityPtrIs(Kel::Name(name), in);
+  return in;
+}
+
+Kel::Ptr<Routing6::RouteInput> RouteWorld::input6(const char* name, uint8_t proto, uint8_t pref) {
+  if (auto e = Kel::ptr_cast<Routing6::RouteInput>(dir6_->entityPtr(Kel::Name(name)))) return e;
+  auto in = Kel::make<Routing6::RouteInput>(Kel::Name(name));
+  in->routingProtoIs(proto);
+  in->preferenceIs(pref);
+  in->redistributeNameIs(std::string(name) + "-redist");
+  dir6_->entityPtrIs(Kel::Name(name), in);
+  return in;
+}
+
+Kel::Ptr<Routing::Route> RouteWorld::publish(const Kel::Ptr<Routing::RouteInput>& in,
+                                             const char* prefix, std::vector<ViaSpec> vias) {
+  auto r = in->routeNew(key(prefix));
+  for (auto [intf, hop] : vias) {
+    Routing::Via v;
+    v.intfId = Kanet::IntfId(intf);
+    if (*hop) v.hop = ip(hop);
+    r->viaIs(v, true);
+  }
+  return r;
+}
+
+Kel::Ptr<Routing6::Route> RouteWorld::publish6(const Kel::Ptr<Routing6::RouteInput>& in,
+                                               const char* prefix, std::vector<ViaSpec> vias) {
+  auto r = in->routeNew(key6(prefix));
+  for (auto [intf, hop] : vias) {
+    Routing6::Via v;
+    v.intfId = Kanet::IntfId(intf);
+    if (*hop) v.hop = ip6(hop);
+    r->viaIs(v, true);
+  }
+  return r;
+}
+
+void RouteWorld::run(double seconds) {
+  Kel::activityManager()->runUntil(Kel::activityManager()->now() + seconds);
+}
+
+}  // namespace RouteTest
