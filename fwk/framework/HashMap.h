@@ -5,8 +5,9 @@
 //   member after it, so a walk that deletes as it goes is never invalidated;
 // - resumeAt(key) starts a walk at key, or, when key has been erased, at the member that followed
 //   it; a key the collection has never held (or has forgotten, see below) starts at the front.
-// Erased members stay in the order as tombstones until no iterator is alive and they outnumber
-// the live ones; then they are purged in one pass (amortised O(1) per erase). A key inserted again
+// Erased members stay in the order as tombstones; those at the front are dropped as soon as no
+// iterator is alive, the others once no iterator is alive and they outnumber the live ones (then
+// in one pass; amortised O(1) per erase). A key inserted again
 // while its tombstone is kept takes its old place in the order.
 // Values are returned by pointer; a pointer is valid until its member is erased.
 #pragma once
@@ -67,9 +68,11 @@ class HashMap {
     auto it = index_.find(k);
     if (it == index_.end() || !it->second.live) return false;
     it->second.live = false;
-    it->second.value = V{};  // release what the value holds now, not at purge time
+    [[maybe_unused]] V old = std::move(it->second.value);  // released once the map is consistent
+    it->second.value = V{};
     --live_;
     ++dead_;
+    if (iterators_ == 0) trimHead();
     maybePurge();
     return true;
   }
@@ -140,10 +143,7 @@ class HashMap {
     if (iterators_ != 0) return;
     for (Node* n = head_; n;) {
       Node* next = n->next;
-      if (!n->live) {
-        unlink(n);
-        index_.erase(*n->key);
-      }
+      if (!n->live) forget(n);
       n = next;
     }
     dead_ = 0;
@@ -169,11 +169,28 @@ class HashMap {
     (n->prev ? n->prev->next : head_) = n->next;
     (n->next ? n->next->prev : tail_) = n->prev;
   }
+  // Drops a tombstone for good (no iterator may be alive).
+  void forget(Node* n) {
+    unlink(n);
+    index_.erase(index_.find(*n->key));
+  }
+  // Tombstones at the front have no live member before them: forgetting them changes no walk
+  // or resumption (a forgotten key resumes at the front, which is where its successor is), and
+  // it keeps a collection drained from the front (a backlog) from piling them up.
+  void trimHead() {
+    while (head_ && !head_->live) {
+      forget(head_);
+      --dead_;
+    }
+  }
   void maybePurge() {
     if (dead_ > 32 && dead_ > live_) purge();
   }
   void releaseIterator() const {
-    if (--iterators_ == 0 && dead_ > 32 && dead_ > live_) const_cast<HashMap*>(this)->purge();
+    if (--iterators_ != 0) return;
+    auto* self = const_cast<HashMap*>(this);
+    self->trimHead();
+    self->maybePurge();
   }
 
   std::unordered_map<K, Node, H> index_;

@@ -76,7 +76,9 @@ class ValueScanner {
     index = 0;
     for (std::string_view t : tokens) {
       if (index++ != 0) text += " or ";
-      text += "'" + std::string(t) + "'";
+      text.push_back('\'');
+      text.append(t);
+      text.push_back('\'');
     }
     throw RangeException(text + " at column " + std::to_string(column()));
   }

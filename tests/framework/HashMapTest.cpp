@@ -17,6 +17,10 @@ struct Reference {
     if (std::find(order.begin(), order.end(), k) == order.end()) order.push_back(k);
     values[k] = v;
   }
+  // Erased keys at the front are forgotten at once when no walk is alive.
+  void trimFront() {
+    while (!order.empty() && !values.count(order.front())) order.erase(order.begin());
+  }
   std::vector<int> walk() const {
     std::vector<int> out;
     for (int k : order)
@@ -50,6 +54,7 @@ TEST(HashMap, RandomOperationsMatchReferenceContentsAndOrder) {
         }
         case 2:
           ASSERT_EQ(m.erase(k), ref.values.erase(k) == 1);
+          ref.trimFront();
           break;
         default: {
           const int* v = m.find(k);

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     }
   }
   try {
-    if (trace != "none") Kel::traceConfigIs(trace);
+    Kel::traceConfigIs(trace == "none" ? std::string() : trace);
   } catch (const Kel::Exception& e) {
     std::cerr << "corvd-sim: --trace: " << e.what() << "\n";
     return 2;
