@@ -1,31 +1,42 @@
 // Kel::HashMap: the framework's keyed collection.
-// O(1) average insert, erase and lookup (a hash index over nodes that never move), iteration in
-// a stable order (the order in which keys were first inserted), and resumable walks:
+// O(1) average insert, erase and lookup, iteration in a stable order (the order in which keys
+// were first inserted), and resumable walks:
 // - an Iterator may stand on a member that is erased meanwhile; advancing it goes on with the
 //   member after it, so a walk that deletes as it goes is never invalidated;
 // - resumeAt(key) starts a walk at key, or, when key has been erased, at the member that followed
 //   it; a key the collection has never held (or has forgotten, see below) starts at the front.
 // Erased members stay in the order as tombstones; those at the front are dropped as soon as no
 // iterator is alive, the others once no iterator is alive and they outnumber the live ones (then
-// in one pass; amortised O(1) per erase). A key inserted again
-// while its tombstone is kept takes its old place in the order.
+// in one pass; amortised O(1) per erase). A key inserted again while its tombstone is kept takes
+// its old place in the order.
 // Values are returned by pointer; a pointer is valid until its member is erased.
+// Layout, chosen for collections of a million members (a routing table's keys): members live in
+// pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
+// order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
+// 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
+// touches one slot run and, on a hash match, one node. No allocation per member.
 #pragma once
 
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
-#include <unordered_map>
+#include <memory>
 #include <utility>
+#include <vector>
 
 namespace Kel {
 
 template <class K, class V, class H = std::hash<K>>
 class HashMap {
+  static constexpr std::uint32_t kNil = 0xffffffffu;
+
   struct Node {
+    K key{};
     V value{};
-    Node* prev = nullptr;
-    Node* next = nullptr;
-    const K* key = nullptr;
+    std::uint32_t prev = kNil;
+    std::uint32_t next = kNil;  // order list; the free list for unused nodes
+    std::uint32_t hash = 0;
     bool live = false;
   };
 
@@ -37,27 +48,42 @@ class HashMap {
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
 
+  // Makes room for n members without growing the index.
+  void reserve(std::size_t n) {
+    std::size_t cap = 4;
+    while (cap * 3 < n * 4) cap *= 2;
+    if (cap > slots_.size()) rehash(cap);
+  }
+
   const V* find(const K& k) const {
-    auto it = index_.find(k);
-    return it != index_.end() && it->second.live ? &it->second.value : nullptr;
+    const std::uint32_t i = lookup(k, mix(k));
+    return i != kNil && node(i).live ? &node(i).value : nullptr;
   }
   V* find(const K& k) {
-    auto it = index_.find(k);
-    return it != index_.end() && it->second.live ? &it->second.value : nullptr;
+    const std::uint32_t i = lookup(k, mix(k));
+    return i != kNil && node(i).live ? &node(i).value : nullptr;
   }
   bool contains(const K& k) const { return find(k) != nullptr; }
 
   // Inserts or assigns; returns the stored value and whether the key is new.
   std::pair<V*, bool> insert(const K& k, V v) {
-    auto [it, fresh] = index_.try_emplace(k);
-    Node& n = it->second;
+    const std::uint32_t h = mix(k);
+    std::uint32_t i = lookup(k, h);
+    const bool fresh = i == kNil;
     if (fresh) {
-      n.key = &it->first;
-      link(&n);
+      if ((indexed_ + 1) * 4 > slots_.size() * 3) rehash(slots_.empty() ? 4 : slots_.size() * 2);
+      i = allocate();
+      Node& n = node(i);
+      n.key = k;
+      n.hash = h;
+      place(h, i);
+      ++indexed_;
+      link(i);
     }
+    Node& n = node(i);
     n.value = std::move(v);
     if (n.live) return {&n.value, false};
-    if (!fresh) --dead_;
+    if (!fresh) --dead_;  // a tombstone comes back in its old place
     n.live = true;
     ++live_;
     return {&n.value, true};
@@ -65,11 +91,12 @@ class HashMap {
 
   // Returns false when k is absent.
   bool erase(const K& k) {
-    auto it = index_.find(k);
-    if (it == index_.end() || !it->second.live) return false;
-    it->second.live = false;
-    [[maybe_unused]] V old = std::move(it->second.value);  // released once the map is consistent
-    it->second.value = V{};
+    const std::uint32_t i = lookup(k, mix(k));
+    if (i == kNil || !node(i).live) return false;
+    Node& n = node(i);
+    n.live = false;
+    [[maybe_unused]] V old = std::move(n.value);  // released once the map is consistent
+    n.value = V{};
     --live_;
     ++dead_;
     if (iterators_ == 0) trimHead();
@@ -78,13 +105,15 @@ class HashMap {
   }
 
   void clear() {
-    for (Node* n = head_; n; n = n->next) {
-      if (!n->live) continue;
-      n->live = false;
-      n->value = V{};
+    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+      Node& n = node(i);
+      if (!n.live) continue;
+      n.live = false;
+      n.value = V{};
       --live_;
       ++dead_;
     }
+    if (iterators_ == 0) trimHead();
     maybePurge();
   }
 
@@ -107,19 +136,19 @@ class HashMap {
 
     explicit operator bool() const { return node_ != nullptr; }
     bool atEnd() const { return node_ == nullptr; }
-    const K& key() const { return *node_->key; }
+    const K& key() const { return node_->key; }
     V& value() const { return node_->value; }
     Iterator& operator++() {
-      node_ = HashMap::firstLive(node_ ? node_->next : nullptr);
+      node_ = map_->firstLive(node_ ? node_->next : kNil);
       return *this;
     }
     // Moves off a member that was erased since the iterator stood on it.
     void skipErased() {
-      if (node_ && !node_->live) node_ = HashMap::firstLive(node_);
+      if (node_ && !node_->live) node_ = map_->firstLive(node_->next);
     }
 
     // Range-for support.
-    std::pair<const K&, V&> operator*() const { return {*node_->key, node_->value}; }
+    std::pair<const K&, V&> operator*() const { return {node_->key, node_->value}; }
     bool operator!=(const Iterator& o) const { return node_ != o.node_; }
 
    private:
@@ -134,17 +163,17 @@ class HashMap {
   Iterator begin() const { return Iterator(this, firstLive(head_)); }
   Iterator end() const { return Iterator(); }
   Iterator resumeAt(const K& k) const {
-    auto it = index_.find(k);
-    if (it == index_.end()) return begin();
-    return Iterator(this, firstLive(const_cast<Node*>(&it->second)));
+    const std::uint32_t i = lookup(k, mix(k));
+    if (i == kNil) return begin();
+    return Iterator(this, firstLive(i));
   }
 
   void purge() {
     if (iterators_ != 0) return;
-    for (Node* n = head_; n;) {
-      Node* next = n->next;
-      if (!n->live) forget(n);
-      n = next;
+    for (std::uint32_t i = head_; i != kNil;) {
+      const std::uint32_t next = node(i).next;
+      if (!node(i).live) forget(i);
+      i = next;
     }
     dead_ = 0;
   }
@@ -152,33 +181,113 @@ class HashMap {
   std::size_t tombstones() const { return dead_; }
 
  private:
-  static Node* firstLive(Node* n) {
-    while (n && !n->live) n = n->next;
-    return n;
+  static std::uint32_t mix(const K& k) {
+    std::uint64_t h = static_cast<std::uint64_t>(H()(k));
+    h ^= h >> 33;
+    h *= 0xff51afd7ed558ccdull;
+    h ^= h >> 33;
+    return static_cast<std::uint32_t>(h);
   }
-  void link(Node* n) {
-    n->prev = tail_;
-    if (tail_) {
-      tail_->next = n;
-    } else {
-      head_ = n;
+  // Block b holds 2^(b+1) nodes, indexes [2^(b+1) - 2, 2^(b+2) - 2): small collections stay
+  // small, and a million members take twenty blocks.
+  static unsigned blockOf(std::uint32_t i) { return std::bit_width(i + 2u) - 2; }
+  Node& node(std::uint32_t i) const {
+    const unsigned b = blockOf(i);
+    return blocks_[b][i + 2u - (2u << b)];
+  }
+
+  std::uint32_t lookup(const K& k, std::uint32_t h) const {
+    if (slots_.empty()) return kNil;
+    const std::size_t mask = slots_.size() - 1;
+    for (std::size_t p = h & mask;; p = (p + 1) & mask) {
+      const std::uint64_t s = slots_[p];
+      if (s == 0) return kNil;
+      if (static_cast<std::uint32_t>(s >> 32) == h) {
+        const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
+        if (node(i).key == k) return i;
+      }
     }
-    tail_ = n;
   }
-  void unlink(Node* n) {
-    (n->prev ? n->prev->next : head_) = n->next;
-    (n->next ? n->next->prev : tail_) = n->prev;
+  void place(std::uint32_t h, std::uint32_t i) {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t p = h & mask;
+    while (slots_[p] != 0) p = (p + 1) & mask;
+    slots_[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
   }
-  // Drops a tombstone for good (no iterator may be alive).
-  void forget(Node* n) {
-    unlink(n);
-    index_.erase(index_.find(*n->key));
+  void rehash(std::size_t cap) {
+    std::vector<std::uint64_t> old(cap, 0);
+    old.swap(slots_);
+    for (std::uint64_t s : old) {
+      if (s != 0) place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
+    }
+  }
+  // Removes node i's slot, shifting the run after it back so no probe chain breaks.
+  void unplace(std::uint32_t i) {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t p = node(i).hash & mask;
+    while (static_cast<std::uint32_t>(slots_[p]) - 1 != i) p = (p + 1) & mask;
+    for (std::size_t q = (p + 1) & mask;; q = (q + 1) & mask) {
+      const std::uint64_t s = slots_[q];
+      if (s == 0) break;
+      const std::size_t home = static_cast<std::uint32_t>(s >> 32) & mask;
+      // s may move to p when its home is not in the cyclic range (p, q].
+      const bool inRange = p <= q ? (home > p && home <= q) : (home > p || home <= q);
+      if (!inRange) {
+        slots_[p] = s;
+        p = q;
+      }
+    }
+    slots_[p] = 0;
+  }
+
+  std::uint32_t allocate() {
+    if (free_ == kNil) {
+      const auto b = static_cast<std::uint32_t>(blocks_.size());
+      const std::uint32_t base = (2u << b) - 2u;
+      const std::uint32_t count = 2u << b;
+      blocks_.push_back(std::make_unique<Node[]>(count));
+      for (std::uint32_t j = count; j-- > 0;) {
+        node(base + j).next = free_;
+        free_ = base + j;
+      }
+    }
+    const std::uint32_t i = free_;
+    free_ = node(i).next;
+    return i;
+  }
+  void link(std::uint32_t i) {
+    Node& n = node(i);
+    n.prev = tail_;
+    n.next = kNil;
+    (tail_ != kNil ? node(tail_).next : head_) = i;
+    tail_ = i;
+  }
+  void unlink(std::uint32_t i) {
+    Node& n = node(i);
+    (n.prev != kNil ? node(n.prev).next : head_) = n.next;
+    (n.next != kNil ? node(n.next).prev : tail_) = n.prev;
+  }
+  // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
+  // to the free list.
+  void forget(std::uint32_t i) {
+    unlink(i);
+    unplace(i);
+    --indexed_;
+    Node& n = node(i);
+    n.key = K{};
+    n.next = free_;
+    n.prev = kNil;
+    free_ = i;
+  }
+  Node* firstLive(std::uint32_t i) const {
+    while (i != kNil && !node(i).live) i = node(i).next;
+    return i == kNil ? nullptr : &node(i);
   }
   // Tombstones at the front have no live member before them: forgetting them changes no walk
   // or resumption (a forgotten key resumes at the front, which is where its successor is), and
   // it keeps a collection drained from the front (a backlog) from piling them up.
   void trimHead() {
-    while (head_ && !head_->live) {
+    while (head_ != kNil && !node(head_).live) {
       forget(head_);
       --dead_;
     }
@@ -193,9 +302,12 @@ class HashMap {
     self->maybePurge();
   }
 
-  std::unordered_map<K, Node, H> index_;
-  Node* head_ = nullptr;
-  Node* tail_ = nullptr;
+  std::vector<std::unique_ptr<Node[]>> blocks_;
+  std::vector<std::uint64_t> slots_;
+  std::uint32_t head_ = kNil;
+  std::uint32_t tail_ = kNil;
+  std::uint32_t free_ = kNil;
+  std::size_t indexed_ = 0;  // nodes in the index: live ones and tombstones
   std::size_t live_ = 0;
   std::size_t dead_ = 0;
   mutable std::size_t iterators_ = 0;
