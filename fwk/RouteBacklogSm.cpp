@@ -59,8 +59,10 @@ void RouteBacklogSmT<Traits>::handleBacklog() {
   IRI_TRACE(8, IRI_FUNCTION_NAME_() << " backlog size " << backlog.backlogCount());
   kelBacklogClock_.timeMinIs(Kel::endOfTime);
   const double startTime = Kel::now();
-  for (auto it = backlog.backlogIterator(); it; ++it) {
-    const Key key = it.key();
+  // Always the first member: the key leaves the collection before it is processed, so the walk
+  // needs no iterator (and the collection forgets each key at once instead of at the end).
+  while (backlog.backlogCount() != 0) {
+    const Key key = backlog.backlogIterator().key();
     backlog.backlogDel(key);
     if (!std::getenv(kTestEnvironment)) {
       rt_open(fwk_task);

@@ -150,7 +150,7 @@ Kel::Ptr<Routing6::RouteInput> RouteWorld::input6(const char* name, uint8_t prot
 }
 
 Kel::Ptr<Routing::Route> RouteWorld::publish(const Kel::Ptr<Routing::RouteInput>& in,
-                                             const char* prefix, std::vector<ViaSpec> vias) {
+                                             const char* prefix, std::vector<ViaText> vias) {
   auto r = in->routeNew(key(prefix));
   for (auto [intf, hop] : vias) {
     Routing::Via v;
@@ -162,7 +162,7 @@ Kel::Ptr<Routing::Route> RouteWorld::publish(const Kel::Ptr<Routing::RouteInput>
 }
 
 Kel::Ptr<Routing6::Route> RouteWorld::publish6(const Kel::Ptr<Routing6::RouteInput>& in,
-                                               const char* prefix, std::vector<ViaSpec> vias) {
+                                               const char* prefix, std::vector<ViaText> vias) {
   auto r = in->routeNew(key6(prefix));
   for (auto [intf, hop] : vias) {
     Routing6::Via v;

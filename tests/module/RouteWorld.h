@@ -54,11 +54,11 @@ class RouteWorld : public ::testing::Test {
   Kel::Ptr<Routing::RouteInput> input(const char* name, uint8_t proto = 8, uint8_t pref = 20);
   Kel::Ptr<Routing6::RouteInput> input6(const char* name, uint8_t proto = 8, uint8_t pref = 20);
   // Publishes `prefix` with next hops / interfaces (either may be empty per via).
-  using ViaSpec = std::pair<const char*, const char*>;  // {intfId or "", hop or ""}
+  using ViaText = std::pair<const char*, const char*>;  // {intfId or "", hop or ""}
   Kel::Ptr<Routing::Route> publish(const Kel::Ptr<Routing::RouteInput>& in, const char* prefix,
-                                   std::vector<ViaSpec> vias);
+                                   std::vector<ViaText> vias);
   Kel::Ptr<Routing6::Route> publish6(const Kel::Ptr<Routing6::RouteInput>& in, const char* prefix,
-                                     std::vector<ViaSpec> vias);
+                                     std::vector<ViaText> vias);
 
   // Runs the activity loop for `seconds` of manual time.
   void run(double seconds = 1.0);

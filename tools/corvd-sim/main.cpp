@@ -1,9 +1,9 @@
 // corvd-sim: runs the module against the in-memory daemon, driven by a scenario.
 //
-//   corvd-sim [--trace SPEC]... [SCENARIO-FILE]
+//   corvd-sim [--trace LEVELS]... [SCENARIO-FILE]
 //
 // Without a file it runs its bundled scenario. Time is manual: it advances only by the
-// scenario's `run` steps. SPEC selects trace levels, e.g. "InterfaceRouteInfo/0" (the default),
+// scenario's `run` steps. LEVELS selects trace levels, e.g. "InterfaceRouteInfo/0" (the default),
 // "InterfaceRouteInfo/0,8-9" or "*/0-9"; "none" turns tracing off. Trace lines go to stderr, the
 // `show` output to stdout. Exit status: 0 on success, 1 on a scenario error (reported as
 // "FILE:LINE: reason"), 2 on bad arguments.
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     if (arg == "--trace" && i + 1 < argc) {
       trace = argv[++i];
     } else if (arg == "-h" || arg == "--help") {
-      std::cout << "usage: corvd-sim [--trace SPEC] [SCENARIO-FILE]\n";
+      std::cout << "usage: corvd-sim [--trace LEVELS] [SCENARIO-FILE]\n";
       return 0;
     } else if (!arg.empty() && arg[0] == '-') {
       std::cerr << "corvd-sim: unknown option " << arg << "\n";
