@@ -1,7 +1,5 @@
 #include "fwk/framework/Notifiee.h"
 
-#include <algorithm>
-
 namespace Kel {
 
 namespace {
@@ -27,16 +25,17 @@ void NotifieeBase::notifierBaseIs(const NotifierBase* n) {
 }
 
 NotifierBase::~NotifierBase() {
-  for (const Reg& r : regs_) {
-    r.notifiee->notifier_ = nullptr;
-    r.notifiee->serial_ = 0;
+  for (std::size_t i = 0; i < regs_.size(); ++i) {
+    regs_[i].notifiee->notifier_ = nullptr;
+    regs_[i].notifiee->serial_ = 0;
   }
 }
 
 bool NotifierBase::stillRegistered(const Reg& r) const {
-  return std::any_of(regs_.begin(), regs_.end(), [&](const Reg& x) {
-    return x.notifiee == r.notifiee && x.serial == r.serial;
-  });
+  for (std::size_t i = 0; i < regs_.size(); ++i) {
+    if (regs_[i].notifiee == r.notifiee && regs_[i].serial == r.serial) return true;
+  }
+  return false;
 }
 
 void NotifierBase::add(NotifieeBase* n) const {
@@ -45,8 +44,11 @@ void NotifierBase::add(NotifieeBase* n) const {
 }
 
 void NotifierBase::remove(NotifieeBase* n) const {
-  auto it = std::find_if(regs_.begin(), regs_.end(), [&](const Reg& r) { return r.notifiee == n; });
-  if (it != regs_.end()) regs_.erase(it);
+  for (std::size_t i = 0; i < regs_.size(); ++i) {
+    if (regs_[i].notifiee != n) continue;
+    regs_.eraseAt(i);
+    break;
+  }
   n->serial_ = 0;
 }
 

@@ -8,7 +8,9 @@
 // mutator's caller; the notifiees after it in the snapshot are not called for that change.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace Kel {
@@ -60,7 +62,7 @@ class NotifierBase {
       if (n->active_) f(static_cast<N&>(*n));
       return;
     }
-    const std::vector<Reg> snapshot = regs_;
+    const std::vector<Reg> snapshot = regs_.copy();
     for (const Reg& r : snapshot) {
       if (!stillRegistered(r) || !r.notifiee->active_) continue;
       f(static_cast<N&>(*r.notifiee));
@@ -73,10 +75,46 @@ class NotifierBase {
     NotifieeBase* notifiee;
     std::uint64_t serial;
   };
+  // The registrations in order. Most notifiers have at most one notifiee (a route watched by its
+  // protocol's reactor), so the first lives inline and only further ones take heap storage.
+  class RegList {
+   public:
+    std::size_t size() const { return first_.notifiee ? 1 + (rest_ ? rest_->size() : 0) : 0; }
+    bool empty() const { return first_.notifiee == nullptr; }
+    const Reg& operator[](std::size_t i) const { return i == 0 ? first_ : (*rest_)[i - 1]; }
+    void push_back(const Reg& r) {
+      if (!first_.notifiee) {
+        first_ = r;
+        return;
+      }
+      if (!rest_) rest_ = std::make_unique<std::vector<Reg>>();
+      rest_->push_back(r);
+    }
+    void eraseAt(std::size_t i) {
+      if (i != 0) {
+        rest_->erase(rest_->begin() + static_cast<std::ptrdiff_t>(i - 1));
+      } else if (!rest_ || rest_->empty()) {
+        first_ = Reg{};
+      } else {
+        first_ = rest_->front();
+        rest_->erase(rest_->begin());
+      }
+    }
+    std::vector<Reg> copy() const {
+      std::vector<Reg> out;
+      out.reserve(size());
+      for (std::size_t i = 0; i < size(); ++i) out.push_back((*this)[i]);
+      return out;
+    }
+
+   private:
+    Reg first_{nullptr, 0};  // empty when first_.notifiee is null
+    std::unique_ptr<std::vector<Reg>> rest_;
+  };
   bool stillRegistered(const Reg& r) const;
   void add(NotifieeBase* n) const;
   void remove(NotifieeBase* n) const;
-  mutable std::vector<Reg> regs_;
+  mutable RegList regs_;
 };
 
 }  // namespace Kel
