@@ -188,3 +188,37 @@ TEST_F(RouteMirror, NonDefaultVrfHasNoIpv6Reactors) {
 
 }  // namespace
 }  // namespace RouteTest
+
+namespace RouteTest {
+namespace {
+
+TEST_F(RouteMirror, GeneratedMutatorsRefuseBadParameters) {
+  auto bgp = input("bgp", 8, 20);
+  start();
+  auto dirSm = root_->routingConfigSm()->routeInputDirSm();
+  auto sm = dirSm->routeInputSm("bgp");
+  try {
+    sm->routeIs(nullptr);
+    FAIL() << "null accepted";
+  } catch (const Kel::RangeException& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _route parameter to mutator for InterfaceRouteInfo::RouteInputSm::route "
+                 "not allowed\"");
+  }
+  // Same parameters: the same reactor; a different one: refused, the member left as it was.
+  EXPECT_EQ(dirSm->routeInputSmIs("bgp", bgp, sm->kernelIntfStatusDir(), sm->intfStatusManager()),
+            sm);
+  auto other = Kel::make<Routing::RouteInput>(Kel::Name("other"));
+  try {
+    dirSm->routeInputSmIs("bgp", other, sm->kernelIntfStatusDir(), sm->intfStatusManager());
+    FAIL() << "different parameter accepted";
+  } catch (const Kel::NameInUseException& e) {
+    EXPECT_STREQ(e.what(),
+                 "Reinstantiating the pointer interface where constructor parameter attribute "
+                 "_routeInput has a different value of other not allowed");
+  }
+  EXPECT_EQ(dirSm->routeInputSm("bgp"), sm);
+}
+
+}  // namespace
+}  // namespace RouteTest
