@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fwk/IpAddrSet.h"
+#include "tests/support/ErrorText.h"
 
 namespace {
 
@@ -16,15 +17,6 @@ using Kanet::IpAddrWithMask;
 
 const std::string kTextForm =
     "Value('InterfaceRouteInfo::IpAddrSet', ** {'ipAddrWithMask': None, 'ip6AddrWithMask': None})";
-
-std::string errorOf(auto&& f) {
-  try {
-    f();
-  } catch (const Kel::RangeException& e) {
-    return e.what();
-  }
-  return "";
-}
 
 struct Members {
   std::vector<std::pair<IpAddrWithMask, bool>> v4;

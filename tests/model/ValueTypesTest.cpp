@@ -13,20 +13,12 @@
 #include "fwk/model/KanetNames.h"
 #include "fwk/model/RouteKey.h"
 #include "fwk/model/RoutingModel.h"
+#include "tests/support/ErrorText.h"
 
 namespace {
 
 using Kanet::Ip6Addr;
 using Kanet::IpAddr;
-
-std::string errorOf(auto&& f) {
-  try {
-    f();
-  } catch (const Kel::RangeException& e) {
-    return e.what();
-  }
-  return "";
-}
 
 // Addresses rich in zero and 0xffff groups, so that every compression case comes up.
 Ip6Addr randomIp6(std::mt19937& rng) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tests/module/RouteWorld.h"
+#include "tests/support/ErrorText.h"
 
 namespace RouteTest {
 namespace {
@@ -197,26 +198,19 @@ TEST_F(RouteMirror, GeneratedMutatorsRefuseBadParameters) {
   start();
   auto dirSm = root_->routingConfigSm()->routeInputDirSm();
   auto sm = dirSm->routeInputSm("bgp");
-  try {
-    sm->routeIs(nullptr);
-    FAIL() << "null accepted";
-  } catch (const Kel::RangeException& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _route parameter to mutator for InterfaceRouteInfo::RouteInputSm::route "
-                 "not allowed\"");
-  }
+  EXPECT_EQ(errorOf([&] { sm->routeIs(nullptr); }),
+            "null _route parameter to mutator for InterfaceRouteInfo::RouteInputSm::route not "
+            "allowed\"");
   // Same parameters: the same reactor; a different one: refused, the member left as it was.
   EXPECT_EQ(dirSm->routeInputSmIs("bgp", bgp, sm->kernelIntfStatusDir(), sm->intfStatusManager()),
             sm);
   auto other = Kel::make<Routing::RouteInput>(Kel::Name("other"));
-  try {
-    dirSm->routeInputSmIs("bgp", other, sm->kernelIntfStatusDir(), sm->intfStatusManager());
-    FAIL() << "different parameter accepted";
-  } catch (const Kel::NameInUseException& e) {
-    EXPECT_STREQ(e.what(),
-                 "Reinstantiating the pointer interface where constructor parameter attribute "
-                 "_routeInput has a different value of other not allowed");
-  }
+  EXPECT_EQ(errorOf<Kel::NameInUseException>([&] {
+              dirSm->routeInputSmIs("bgp", other, sm->kernelIntfStatusDir(),
+                                    sm->intfStatusManager());
+            }),
+            "Reinstantiating the pointer interface where constructor parameter attribute "
+            "_routeInput has a different value of other not allowed");
   EXPECT_EQ(dirSm->routeInputSm("bgp"), sm);
 }
 
