@@ -1,41 +1,56 @@
-// An open-addressing hash index from a 64-bit prefix key to a record pointer, for the routing
-// table's exact prefix lookups (a million IPv4 prefixes at 16 bytes per slot).
+// An open-addressing hash index from a prefix key to a record pointer, for the routing table's
+// exact prefix lookups (a million IPv4 prefixes at 16 bytes per slot) and the gateways' trees.
 //
+// Key is a small trivially copyable type with `bool same(const Key&) const` and `uint64_t hash()
+// const` (well mixed: its low bits choose the home slot). Parts of a key that `same` and `hash`
+// ignore are a tag that the owner may keep beside the key and change in place.
 // Invariants: a slot is empty exactly when its value is null; linear probing with backward-shift
 // deletion keeps every key reachable from its home slot without tombstones; the load stays at
-// most 3/4. A caller must not insert a null value or a key that is present, and must not keep
-// anything across a rehash (insert may move every slot).
+// most 3/4. A caller must not insert a null value or a key that is present, must change only the
+// value (never to null) and the tag of a slot that find returned, and must not keep a slot pointer
+// across insert or erase (insert may move every slot, erase moves its neighbours).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-template <typename V>
+// Spreads the bits of a key word over the whole word (low bits choose the home slot).
+inline uint64_t prefixHashMix(uint64_t h) {
+  h *= 0x9E3779B97F4A7C15ull;
+  h ^= h >> 29;
+  h *= 0xBF58476D1CE4E5B9ull;
+  return h ^ (h >> 32);
+}
+
+template <typename Key, typename V>
 class PrefixIndex {
  public:
-  V* find(uint64_t key) const {
+  struct Slot {
+    Key key{};
+    V* value = nullptr;
+  };
+
+  // The slot holding `key`, or null.
+  Slot* find(const Key& key) {
     if (slots_.empty()) return nullptr;
     for (std::size_t i = home(key);; i = (i + 1) & mask_) {
-      const Slot& s = slots_[i];
+      Slot& s = slots_[i];
       if (!s.value) return nullptr;
-      if (s.key == key) return s.value;
+      if (s.key.same(key)) return &s;
     }
   }
 
-  void insert(uint64_t key, V* value) {
+  void insert(const Key& key, V* value) {
     if ((size_ + 1) * 4 > slots_.size() * 3) grow();
-    place(key, value);
+    place(Slot{key, value});
     ++size_;
   }
 
-  bool erase(uint64_t key) {
-    if (slots_.empty()) return false;
-    std::size_t i = home(key);
-    for (;; i = (i + 1) & mask_) {
-      if (!slots_[i].value) return false;
-      if (slots_[i].key == key) break;
-    }
+  bool erase(const Key& key) {
+    Slot* hit = find(key);
+    if (!hit) return false;
+    std::size_t i = static_cast<std::size_t>(hit - slots_.data());
     // Backward shift: pull later members of the probe run into the hole.
     for (std::size_t j = (i + 1) & mask_;; j = (j + 1) & mask_) {
       Slot& s = slots_[j];
@@ -60,22 +75,12 @@ class PrefixIndex {
   }
 
  private:
-  struct Slot {
-    uint64_t key = 0;
-    V* value = nullptr;
-  };
+  std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & mask_; }
 
-  std::size_t home(uint64_t key) const {
-    uint64_t h = key * 0x9E3779B97F4A7C15ull;
-    h ^= h >> 29;
-    h *= 0xBF58476D1CE4E5B9ull;
-    return static_cast<std::size_t>(h ^ (h >> 32)) & mask_;
-  }
-
-  void place(uint64_t key, V* value) {
-    std::size_t i = home(key);
+  void place(const Slot& slot) {
+    std::size_t i = home(slot.key);
     while (slots_[i].value) i = (i + 1) & mask_;
-    slots_[i] = Slot{key, value};
+    slots_[i] = slot;
   }
 
   void grow() {
@@ -84,7 +89,7 @@ class PrefixIndex {
     slots_.resize(old.empty() ? 16 : old.size() * 2);
     mask_ = slots_.size() - 1;
     for (const Slot& s : old) {
-      if (s.value) place(s.key, s.value);
+      if (s.value) place(s);
     }
   }
 

@@ -1,5 +1,6 @@
 // The in-memory corvd's routing table: prefixes (rt_head) holding entries (rt_entry), one per
-// protocol gateway (gw_entry) and gateway set, and the gateway records themselves.
+// protocol gateway (gw_entry, gw.h) and gateway set. The gateway records are in gw.h, their IPv6
+// prefix trees in ptree.h.
 //
 // Selection: the entries of a prefix are kept on the head's list in selection order: entries
 // with a non-negative preference first, lowest preference first, ties in add order, then the
@@ -22,7 +23,9 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fwk/daemon/gw.h"
 #include "fwk/daemon/if_table.h"
+#include "fwk/daemon/ptree.h"
 #include "fwk/daemon/sockaddr.h"
 #include "fwk/daemon/task.h"
 
@@ -39,25 +42,6 @@ struct rt_rib {
   uint64_t rib_state;  // route state bits for new routes (0 here)
 };
 extern rt_rib rib;
-
-struct _rt_entry;
-struct ptree;  // per-gateway prefix tree of IPv6 routes
-
-typedef struct _gw_entry {
-  struct _gw_entry* gw_next;      // next gateway of the same gw_list, or null
-  uint16_t gw_proto;              // protocol number
-  task* gw_task;                  // owning task
-  uint32_t gw_peer_as;            // peer AS
-  uint32_t gw_local_as;           // local AS
-  sockaddr_un* gw_addr;           // copy of the gateway's address, or null
-  flag_t gw_flags;                // flags given to gw_init
-  struct _rt_entry* gw_rt_first;  // route queue: the gateway's entries in add order
-  struct _rt_entry* gw_rt_last;   // last entry of the route queue
-  std::size_t gw_n_routes;        // entries on the route queue
-  ptree* gw_ptree;                // the gateway's IPv6 entries by prefix (lazily created)
-  uint32_t gw_magic;              // daemon liveness tag
-} gw_entry;
-typedef gw_entry* gw_list;
 
 // Gateway set of an entry: adj_n_gw parallel entries.
 typedef struct _rt_adjacency {
@@ -143,31 +127,18 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
 void rt_delete(rt_entry* rt);
 
 // The first entry in selection order of that prefix whose gateway's protocol is in `bits`;
-// `state` selects nothing here. Null when none.
+// `state` selects nothing here. Null when none. When that is the prefix's first entry the answer
+// comes from the prefix index alone, without reading the head or the entry.
 rt_entry* rt_locate(uint64_t state, const sockaddr_un* dest, const sockaddr_un* mask,
                     const rt_bits* bits);
+// The prefix dest/mask; null when the table holds none or dest/mask do not form a prefix.
 rt_head* rt_table_locate(const sockaddr_un* dest, const sockaddr_un* mask);
 // Fills `bits` with `n` protocol numbers given as further int arguments.
 void rt_make_bits(rt_bits* bits, int n, ...);
 
-// Gateways. gw_init allocates, fills and pushes the new gateway onto *list (when list is not
-// null); gw_alloc gives a blank gateway on no list. gw_free deletes the gateway's remaining
-// entries, unlinks it and retires it; freeing it twice is a misuse.
-gw_entry* gw_init(gw_list* list, uint16_t proto, task* tp, uint32_t peer_as, uint32_t local_as,
-                  sockaddr_un* addr, flag_t flags);
-gw_entry* gw_alloc();
-void gw_free(gw_entry* gwp);
-
 // 1 when the destination is acceptable to the kernel side: IPv4 or IPv6, contiguous mask, no
 // host bits beyond the mask, not multicast, not loopback (127/8, ::1).
 int krt_addrcheck(const rt_parms* rtp);
-
-// A gateway's prefix tree of IPv6 entries. The daemon keeps it in step on every add, change
-// and delete; ptree_insert/ptree_remove report 1 on success and 0 when the entry is already
-// there / not there.
-rt_entry* ptree_find(ptree* tree, const sockaddr_un* dest, const sockaddr_un* mask);
-int ptree_insert(ptree* tree, rt_entry* rt);
-int ptree_remove(ptree* tree, rt_entry* rt);
 
 // Counts and walks for inspection.
 std::size_t rt_head_count();

@@ -96,7 +96,10 @@ sockaddr_un* sock_mask_by_len(uint8_t family, int len);
 bool sockaddr_equal(const sockaddr_un* a, const sockaddr_un* b);
 // Address bytes and their count (4, 16 or the link-layer length); null for other families.
 const uint8_t* sockaddr_bytes(const sockaddr_un* addr, int* len);
-// Text form: "10.1.2.3", "fe80::1", "ll:2:00:11:22:33:44:55"; "-" for null.
+// Text form: "10.1.2.3", "fe80::1"; a link-layer address as "ll:" and its type code in decimal,
+// then "/" before the first byte and ":" between bytes in two-digit hex ("ll:2/00:11:22:33:44:55",
+// "ll:0" when it has no bytes); "family<n>" for another family; "-" for null. Text longer than
+// `size` is cut, except an IP address, which then gives "".
 void sockaddr_format(const sockaddr_un* addr, char* buf, std::size_t size);
 
 // Daemon-internal checks used by the table functions.

@@ -209,6 +209,12 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
         auto found = std::find_if(order.begin(), order.end(),
                                   [&](const ModelEntry* e) { return e->gw == g; });
         EXPECT_EQ(rt_locate(0, dest, mask, &bits), found == order.end() ? nullptr : (*found)->rt);
+        // Two protocols: the first entry in selection order of either.
+        int g2 = (g + 1) % kProtos;
+        rt_make_bits(&bits, 2, gw[g2]->gw_proto, gw[g]->gw_proto);
+        auto either = std::find_if(order.begin(), order.end(),
+                                   [&](const ModelEntry* e) { return e->gw == g || e->gw == g2; });
+        EXPECT_EQ(rt_locate(0, dest, mask, &bits), either == order.end() ? nullptr : (*either)->rt);
         if (v6(p)) {
           rt_entry* t = ptree_find(gw[g]->gw_ptree, dest, mask);
           EXPECT_EQ(t != nullptr, found != order.end());
@@ -231,6 +237,47 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
   EXPECT_EQ(rt_head_count(), 0u);
   EXPECT_EQ(gws, nullptr);
   EXPECT_EQ(corvd_misuse_count(), misuses);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
+  gw_entry* gw = gw_init(nullptr, 10, fwk_task, 0, 0, nullptr, 0);
+  auto add = [&](int p, int pref) {
+    rt_parms rtp{};
+    std::tie(rtp.rtp_dest, rtp.rtp_dest_mask) = prefixOf(p);
+    rtp.rtp_gwp = gw;
+    rtp.rtp_preference = pref;
+    rtp.rtp_n_gw = pref / 10;  // distinct gateway sets: blackhole, one gateway
+    rtp.rtp_routers[0] = hopAddr(0, v6(p));
+    rt_open(fwk_task);
+    rt_entry* rt = rt_add(&rtp, nullptr);
+    rt_close(fwk_task, 0, 1, 0);
+    return rt;
+  };
+  rt_entry* first = add(13, 0);
+  rt_entry* second = add(13, 10);
+  rt_entry* four = add(1, 0);
+  ASSERT_TRUE(first && second && four) << misuseText();
+  ptree* tree = gw->gw_ptree;
+  auto held = [&] { return ptree_find(tree, prefixOf(13).first, prefixOf(13).second); };
+  EXPECT_EQ(held(), first);
+  EXPECT_EQ(ptree_insert(tree, second), 0);  // the prefix is held already
+  EXPECT_EQ(ptree_remove(tree, second), 0);
+  EXPECT_EQ(ptree_remove(tree, first), 1);
+  EXPECT_EQ(held(), nullptr);
+  EXPECT_EQ(ptree_insert(tree, second), 1);
+  EXPECT_EQ(ptree_insert(tree, four), 0);  // IPv4
+  // Deleting the held entry hands the prefix to the gateway's next entry there.
+  rt_open(fwk_task);
+  rt_delete(second);
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(held(), first);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+  EXPECT_EQ(ptree_remove(tree, second), 0);
+  EXPECT_EQ(corvd_misuse_count(), 1u);
 }
 
 }  // namespace

@@ -1,0 +1,103 @@
+#include "fwk/daemon/gw.h"
+
+#include <cstring>
+#include <deque>
+#include <unordered_map>
+
+#include "fwk/daemon/misuse.h"
+#include "fwk/daemon/rt_internal.h"
+
+using namespace corvd_rt;
+
+namespace {
+
+struct Gateways {
+  std::deque<gw_entry> records;                   // never reused: a retired gateway stays poisoned
+  std::unordered_map<gw_entry*, gw_list*> lists;  // the list each gateway was pushed on
+};
+Gateways g;
+
+}  // namespace
+
+namespace corvd_rt {
+
+bool gwAlive(const gw_entry* gwp) { return gwp && gwp->gw_magic == GW_LIVE; }
+
+void gwQueueAppend(rt_entry* rt) {
+  gw_entry* gw = rt->rt_gwp;
+  rt->rt_gw_prev = gw->gw_rt_last;
+  rt->rt_gw_next = nullptr;
+  (gw->gw_rt_last ? gw->gw_rt_last->rt_gw_next : gw->gw_rt_first) = rt;
+  gw->gw_rt_last = rt;
+  ++gw->gw_n_routes;
+}
+
+void gwQueueRemove(rt_entry* rt) {
+  gw_entry* gw = rt->rt_gwp;
+  (rt->rt_gw_prev ? rt->rt_gw_prev->rt_gw_next : gw->gw_rt_first) = rt->rt_gw_next;
+  (rt->rt_gw_next ? rt->rt_gw_next->rt_gw_prev : gw->gw_rt_last) = rt->rt_gw_prev;
+  rt->rt_gw_next = rt->rt_gw_prev = nullptr;
+  --gw->gw_n_routes;
+}
+
+void gwReset() {
+  for (gw_entry& gw : g.records) {
+    if (gwAlive(&gw)) {
+      while (gw.gw_rt_first) removeEntry(gw.gw_rt_first);
+      sock_release(gw.gw_addr);
+    }
+  }
+  g = Gateways();
+}
+
+}  // namespace corvd_rt
+
+gw_entry* gw_alloc() {
+  gw_entry* gw = &g.records.emplace_back();
+  std::memset(gw, 0, sizeof *gw);
+  gw->gw_magic = GW_LIVE;
+  return gw;
+}
+
+gw_entry* gw_init(gw_list* list, uint16_t proto, task* tp, uint32_t peer_as, uint32_t local_as,
+                  sockaddr_un* addr, flag_t flags) {
+  ++corvd_calls[CORVD_FN_gw_init];
+  if (!sock_check_usable(addr, "gw_init")) return nullptr;
+  gw_entry* gw = gw_alloc();
+  gw->gw_proto = proto;
+  gw->gw_task = tp;
+  gw->gw_peer_as = peer_as;
+  gw->gw_local_as = local_as;
+  gw->gw_flags = flags;
+  if (addr) {
+    gw->gw_addr = sockdup(addr);
+    sock_take_over(gw->gw_addr, "gw_init");
+  }
+  if (list) {
+    gw->gw_next = *list;
+    *list = gw;
+    g.lists[gw] = list;
+  }
+  return gw;
+}
+
+void gw_free(gw_entry* gwp) {
+  ++corvd_calls[CORVD_FN_gw_free];
+  if (!gwAlive(gwp)) {
+    corvd_misuse("gw_free", gwp ? "gateway freed twice" : "null gateway");
+    return;
+  }
+  while (gwp->gw_rt_first) removeEntry(gwp->gw_rt_first);
+  auto it = g.lists.find(gwp);
+  if (it != g.lists.end()) {
+    gw_entry** p = it->second;
+    while (*p && *p != gwp) p = &(*p)->gw_next;
+    if (*p) *p = gwp->gw_next;
+    g.lists.erase(it);
+  }
+  sock_release(gwp->gw_addr);
+  gwp->gw_addr = nullptr;
+  ptreeFree(gwp);
+  gwp->gw_next = nullptr;
+  gwp->gw_magic = GW_DEAD;
+}

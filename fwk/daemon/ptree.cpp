@@ -1,0 +1,90 @@
+#include "fwk/daemon/ptree.h"
+
+#include <memory>
+#include <unordered_map>
+
+#include "fwk/daemon/prefix_key.h"
+#include "fwk/daemon/rt_internal.h"
+
+using namespace corvd_rt;
+
+struct ptree {
+  PrefixIndex<Key6, rt_entry> byPrefix;  // tags unused
+};
+
+namespace {
+
+// The trees of all gateways; a gateway's gw_ptree points into its tree here.
+std::unordered_map<gw_entry*, std::unique_ptr<ptree>>& trees() {
+  static std::unordered_map<gw_entry*, std::unique_ptr<ptree>> all;
+  return all;
+}
+
+ptree* treeOf(gw_entry* gwp) {
+  if (!gwp->gw_ptree) {
+    auto& slot = trees()[gwp];
+    slot = std::make_unique<ptree>();
+    gwp->gw_ptree = slot.get();
+  }
+  return gwp->gw_ptree;
+}
+
+Key6 keyOf(const rt_head* h) { return key6(&h->rth_dest, h->rth_plen); }
+
+}  // namespace
+
+namespace corvd_rt {
+
+void ptreeEntryAdded(rt_entry* rt) {
+  const rt_head* h = rt->rt_head;
+  if (h->rth_dest.sa_family != SA_FAMILY_INET6) return;
+  ptree_insert(treeOf(rt->rt_gwp), rt);
+}
+
+void ptreeEntryRemoved(rt_entry* rt, rt_head* h) {
+  ptree* tree = rt->rt_gwp->gw_ptree;
+  if (h->rth_dest.sa_family != SA_FAMILY_INET6 || !tree) return;
+  auto* slot = tree->byPrefix.find(keyOf(h));
+  if (!slot || slot->value != rt) return;
+  for (rt_entry* e = h->rth_routes; e; e = e->rt_next) {
+    if (e->rt_gwp == rt->rt_gwp) {
+      slot->value = e;
+      return;
+    }
+  }
+  tree->byPrefix.erase(keyOf(h));
+}
+
+void ptreeFree(gw_entry* gwp) {
+  trees().erase(gwp);
+  gwp->gw_ptree = nullptr;
+}
+
+void ptreeReset() { trees().clear(); }
+
+}  // namespace corvd_rt
+
+rt_entry* ptree_find(ptree* tree, const sockaddr_un* dest, const sockaddr_un* mask) {
+  int plen = prefixLen(dest, mask);
+  if (!tree || plen < 0 || dest->sa_family != SA_FAMILY_INET6) return nullptr;
+  auto* slot = tree->byPrefix.find(key6(dest, plen));
+  return slot ? slot->value : nullptr;
+}
+
+int ptree_insert(ptree* tree, rt_entry* rt) {
+  if (!tree || !entryAlive(rt, "ptree_insert")) return 0;
+  if (rt->rt_head->rth_dest.sa_family != SA_FAMILY_INET6) return 0;
+  Key6 key = keyOf(rt->rt_head);
+  if (tree->byPrefix.find(key)) return 0;
+  tree->byPrefix.insert(key, rt);
+  return 1;
+}
+
+int ptree_remove(ptree* tree, rt_entry* rt) {
+  if (!tree || !entryAlive(rt, "ptree_remove")) return 0;
+  Key6 key = keyOf(rt->rt_head);
+  auto* slot = tree->byPrefix.find(key);
+  if (!slot || slot->value != rt) return 0;
+  tree->byPrefix.erase(key);
+  return 1;
+}

@@ -1,0 +1,173 @@
+// Gateway sets (rt_adjacency) of the routing table's entries, and the other side of them: each
+// interface address's list of the entries that use it, which lets a change of the address set
+// aside, restore or delete exactly those entries.
+//
+// An entry at gateway j is on the list of adj_ifaps[j] at position adj_pos[j]; removal swaps the
+// list's last reference into the hole and fixes that entry's position, so both directions stay
+// O(1). A one-gateway set lives inside the entry; a larger one is a single block.
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "fwk/daemon/misuse.h"
+#include "fwk/daemon/rt_internal.h"
+
+// Entries using one interface address, with the gateway index each uses it at.
+struct rt_ref_list {
+  std::vector<std::pair<rt_entry*, uint32_t>> refs;
+};
+
+using namespace corvd_rt;
+
+namespace {
+
+void refAdd(rt_entry* rt, int j) {
+  if_addr* a = rt->rt_adj.adj_ifaps[j];
+  if (!a) return;
+  if (!a->ifa_routes) a->ifa_routes = new rt_ref_list;  // freed with its last reference
+  rt->rt_adj.adj_pos[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
+  a->ifa_routes->refs.emplace_back(rt, static_cast<uint32_t>(j));
+}
+
+void refDel(rt_entry* rt, int j) {
+  if_addr* a = rt->rt_adj.adj_ifaps[j];
+  if (!a) return;
+  auto& refs = a->ifa_routes->refs;
+  uint32_t pos = rt->rt_adj.adj_pos[j];
+  refs[pos] = refs.back();
+  refs[pos].first->rt_adj.adj_pos[refs[pos].second] = pos;
+  refs.pop_back();
+  if (refs.empty()) {
+    delete a->ifa_routes;
+    a->ifa_routes = nullptr;
+  }
+}
+
+// Bytes of a separately stored adjacency of n gateways.
+std::size_t adjBytes(int n) {
+  return static_cast<std::size_t>(n) *
+         (sizeof(sockaddr_un*) + sizeof(if_addr*) + sizeof(uint32_t) + sizeof(sockaddr_un));
+}
+
+bool sameGateways(const rt_entry* rt, int n, sockaddr_un* const* routers) {
+  if (rt->rt_adj.adj_n_gw != n) return false;
+  for (int j = 0; j < n; ++j) {
+    if (!sockaddr_equal(rt->rt_adj.adj_routers[j], routers[j])) return false;
+  }
+  return true;
+}
+
+bool allUp(const rt_entry* rt) {
+  for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
+    const if_addr* a = rt->rt_adj.adj_ifaps[j];
+    if (a && !(a->ifa_info.ifi_state & IFS_UP)) return false;
+  }
+  return true;
+}
+
+bool restoreIfUp(rt_entry* rt) {
+  if (!(rt->rt_state & RTS_SETASIDE) || rt->rt_preference >= 0 || !allUp(rt)) return false;
+  rt->rt_preference = (rt->rt_state & RTS_SETASIDE_ZERO) ? 0 : -rt->rt_preference;
+  rt->rt_state &= ~(RTS_SETASIDE | RTS_SETASIDE_ZERO);
+  return true;
+}
+
+}  // namespace
+
+namespace corvd_rt {
+
+void clearAdj(rt_entry* rt) {
+  rt_adjacency& adj = rt->rt_adj;
+  for (int j = 0; j < adj.adj_n_gw; ++j) refDel(rt, j);
+  if (adj.adj_n_gw > 1) ::operator delete(adj.adj_routers);
+  adj = rt_adjacency{0, nullptr, nullptr, nullptr};
+}
+
+void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* ifaps) {
+  clearAdj(rt);
+  rt_adjacency& adj = rt->rt_adj;
+  sockaddr_un* copies;
+  if (n == 1) {
+    adj.adj_routers = &rt->rt_inl_router;
+    adj.adj_ifaps = &rt->rt_inl_ifap;
+    adj.adj_pos = &rt->rt_inl_pos;
+    copies = &rt->rt_inl_addr;
+  } else if (n > 1) {
+    // One block: the pointer arrays first (most aligned), then the positions, then the copies.
+    auto* block = static_cast<unsigned char*>(::operator new(adjBytes(n)));
+    copies = reinterpret_cast<sockaddr_un*>(block + static_cast<std::size_t>(n) *
+                                                        (2 * sizeof(void*) + sizeof(uint32_t)));
+    adj.adj_routers = reinterpret_cast<sockaddr_un**>(block);
+    adj.adj_ifaps =
+        reinterpret_cast<if_addr**>(block + static_cast<std::size_t>(n) * sizeof(void*));
+    adj.adj_pos =
+        reinterpret_cast<uint32_t*>(block + static_cast<std::size_t>(n) * 2 * sizeof(void*));
+  }
+  adj.adj_n_gw = n;
+  for (int j = 0; j < n; ++j) {
+    copies[j] = *routers[j];
+    copies[j].sa_plen = SA_PLEN_NONE;
+    adj.adj_routers[j] = &copies[j];
+    adj.adj_ifaps[j] = ifaps ? ifaps[j] : nullptr;
+    refAdd(rt, j);
+  }
+}
+
+bool duplicate(rt_head* h, const rt_entry* self, gw_entry* gwp, int n, sockaddr_un* const* r) {
+  for (rt_entry* e = h ? h->rth_routes : nullptr; e; e = e->rt_next) {
+    if (e != self && e->rt_gwp == gwp && sameGateways(e, n, r)) return true;
+  }
+  return false;
+}
+
+bool gatewaysOk(int n, sockaddr_un* const* routers, if_addr* const* ifaps, const char* fn) {
+  if (n < 0 || n > RT_N_MULTIPATH || (n > 0 && !routers)) {
+    corvd_misuse(fn, "gateway count " + std::to_string(n) + " out of range");
+    return false;
+  }
+  for (int j = 0; j < n; ++j) {
+    if (!routers[j]) {
+      corvd_misuse(fn, "null gateway address");
+      return false;
+    }
+    if (!sock_check_usable(routers[j], fn)) return false;
+    if (ifaps && ifaps[j] && !if_addr_alive(ifaps[j])) {
+      corvd_misuse(fn, "interface address that is not in the table");
+      return false;
+    }
+  }
+  return true;
+}
+
+bool setAsideIfDown(rt_entry* rt) {
+  if (rt->rt_preference < 0 || allUp(rt)) return false;
+  if (rt->rt_preference == 0) {
+    rt->rt_preference = -1;
+    rt->rt_state |= RTS_SETASIDE_ZERO;
+  } else {
+    rt->rt_preference = -rt->rt_preference;
+  }
+  rt->rt_state |= RTS_SETASIDE;
+  return true;
+}
+
+}  // namespace corvd_rt
+
+void rt_ifa_down(if_addr* ifap) {
+  if (!ifap->ifa_routes) return;
+  for (auto& [rt, j] : ifap->ifa_routes->refs) {
+    if (setAsideIfDown(rt)) reorder(rt);
+  }
+}
+
+void rt_ifa_restore(if_addr* ifap) {
+  if (!ifap->ifa_routes) return;
+  for (auto& [rt, j] : ifap->ifa_routes->refs) {
+    if (restoreIfUp(rt)) reorder(rt);
+  }
+}
+
+void rt_ifa_gone(if_addr* ifap) {
+  while (ifap->ifa_routes) removeEntry(ifap->ifa_routes->refs.back().first);
+}

@@ -1,0 +1,67 @@
+// What the routing table's own files share; not for callers of the daemon. rt_table.cpp owns the
+// prefixes, the entries and their selection order; rt_adj.cpp an entry's gateway set and the
+// interface addresses it uses; gw.cpp the gateway records and their route queues; ptree.cpp the
+// gateways' IPv6 prefix trees.
+//
+// Each file keeps its own state; they meet only through these functions. Entries and gateways are
+// told apart from stale pointers by their magic tags. removeEntry is the one way an entry leaves
+// the table (rt_delete, gw_free, an interface address that is gone, corvd_reset).
+#pragma once
+
+#include <cstdint>
+
+#include "fwk/daemon/rt_table.h"
+
+namespace corvd_rt {
+
+constexpr uint32_t ENTRY_LIVE = 0x52544C56;
+constexpr uint32_t ENTRY_DEAD = 0xDEADE17E;
+constexpr uint32_t GW_LIVE = 0x47574C56;
+constexpr uint32_t GW_DEAD = 0xDEAD6A7E;
+
+// rt_table.cpp
+// Prefix length of dest/mask, or -1 when they do not form an IPv4/IPv6 prefix.
+int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask);
+// True for a live entry; otherwise counts a misuse naming `fn` ("null entry" / "entry already
+// deleted").
+bool entryAlive(const rt_entry* rt, const char* fn);
+// Moves `rt` to its place in selection order after its preference changed, and reselects.
+void reorder(rt_entry* rt);
+// Unlinks `rt` from its prefix (dropping an empty prefix), its gateway's queue and tree and the
+// addresses it uses, and retires it.
+void removeEntry(rt_entry* rt);
+
+// rt_adj.cpp
+// Replaces the entry's gateway set with copies of `routers` (served by `ifaps`, which may be
+// null) and enters it on those addresses' route lists.
+void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* ifaps);
+// Leaves the addresses' route lists and frees the gateway set (0 gateways after).
+void clearAdj(rt_entry* rt);
+// True when the prefix `h` (may be null) holds an entry other than `self` of gateway `gwp` with
+// the same gateway addresses in the same order.
+bool duplicate(rt_head* h, const rt_entry* self, gw_entry* gwp, int n, sockaddr_un* const* r);
+// Checks a gateway list; false (with a misuse naming `fn`) when it cannot be used.
+bool gatewaysOk(int n, sockaddr_un* const* routers, if_addr* const* ifaps, const char* fn);
+// Sets the entry aside when one of its addresses is down; true when its preference changed.
+bool setAsideIfDown(rt_entry* rt);
+
+// gw.cpp
+bool gwAlive(const gw_entry* gwp);
+// Appends to / removes from the route queue of the entry's gateway.
+void gwQueueAppend(rt_entry* rt);
+void gwQueueRemove(rt_entry* rt);
+// Removes every live gateway's entries, releases the gateways' addresses and forgets all
+// gateway records. For rt_table_reset only.
+void gwReset();
+
+// ptree.cpp
+// Enters a new IPv6 entry in its gateway's tree when the gateway has none for the prefix.
+void ptreeEntryAdded(rt_entry* rt);
+// An IPv6 entry already unlinked from its prefix `h` leaves its gateway's tree; the gateway's
+// next entry of the prefix in selection order takes its place.
+void ptreeEntryRemoved(rt_entry* rt, rt_head* h);
+// Drops a retired gateway's tree / every tree.
+void ptreeFree(gw_entry* gwp);
+void ptreeReset();
+
+}  // namespace corvd_rt
