@@ -23,8 +23,9 @@ inline uint64_t prefixHashMix(uint64_t h) {
   return h ^ (h >> 32);
 }
 
+// One open-addressing table; PrefixIndex below spreads keys over several of them.
 template <typename Key, typename V>
-class PrefixIndex {
+class PrefixIndexTable {
  public:
   struct Slot {
     Key key{};
@@ -96,4 +97,43 @@ class PrefixIndex {
   std::vector<Slot> slots_;
   std::size_t size_ = 0;
   std::size_t mask_ = 0;
+};
+
+// The index proper: kShards tables chosen by the top bits of the hash (the home slot uses the
+// low bits). Each table doubles on its own, so growing a million-prefix index moves 1/kShards of
+// it at a time (about a millisecond) instead of stalling one route change for the whole rehash.
+// The tables are made with the first insert, so an index that stays empty costs one pointer.
+template <typename Key, typename V>
+class PrefixIndex {
+ public:
+  using Table = PrefixIndexTable<Key, V>;
+  using Slot = typename Table::Slot;
+  static constexpr unsigned kShardBits = 6;
+  static constexpr std::size_t kShards = std::size_t{1} << kShardBits;
+
+  Slot* find(const Key& key) { return tables_.empty() ? nullptr : table(key).find(key); }
+  void insert(const Key& key, V* value) {
+    if (tables_.empty()) tables_.resize(kShards);
+    table(key).insert(key, value);
+  }
+  bool erase(const Key& key) { return !tables_.empty() && table(key).erase(key); }
+
+  std::size_t size() const {
+    std::size_t n = 0;
+    for (const Table& t : tables_) n += t.size();
+    return n;
+  }
+  std::size_t bytes() const {
+    std::size_t n = tables_.capacity() * sizeof(Table);
+    for (const Table& t : tables_) n += t.bytes();
+    return n;
+  }
+  void clear() { std::vector<Table>().swap(tables_); }
+
+ private:
+  Table& table(const Key& key) {
+    return tables_[static_cast<std::size_t>(key.hash() >> (64 - kShardBits))];
+  }
+
+  std::vector<Table> tables_;
 };
