@@ -15,6 +15,7 @@
 
 #include <cstdint>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/model/RoutingModel.h"
 
@@ -38,8 +39,8 @@ struct Ip4RouteTraits {
   static constexpr bool isIp6 = false;
   static constexpr uint8_t family = SA_FAMILY_INET;
 
-  // A daemon temporary for `a` (sockbuild_in); copy it before the next seven builds.
-  static sockaddr_un* sockbuild(const Addr& a) { return sockbuild_in(0, a.valueNetworkOrder()); }
+  // A daemon temporary for `a`; copy it before the pool of temporaries comes round.
+  static sockaddr_un* sockbuild(const Addr& a) { return daemonSock(a); }
   static bool isZero(const Addr& a) { return a == Addr(); }
   static Addr destAddr(const Key& k) { return k.prefix().address(); }
   static int prefixLen(const Key& k) { return k.prefix().length(); }
@@ -89,11 +90,7 @@ struct Ip6RouteTraits {
   static constexpr bool isIp6 = true;
   static constexpr uint8_t family = SA_FAMILY_INET6;
 
-  static sockaddr_un* sockbuild(const Addr& a) {
-    uint8_t bytes[16];
-    for (int i = 0; i < 16; ++i) bytes[i] = a.u8(i);
-    return sockbuild_in6(0, bytes);
-  }
+  static sockaddr_un* sockbuild(const Addr& a) { return daemonSock(a); }
   static bool isZero(const Addr& a) { return a == Addr(); }
   static Addr destAddr(const Key& k) { return k.prefix().address(); }
   static int prefixLen(const Key& k) { return k.prefix().length(); }

@@ -77,8 +77,8 @@ TEST_F(RouteMirror, ChangesInPlaceAndDeletesOnlyItsOwnEntries) {
   start();
   run();
   EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref 20 via 10.0.1.2 dev et1");
-  const rt_head* head = rt_table_locate(sockbuild_in(0, ip("203.0.113.0").valueNetworkOrder()),
-                                        sock_mask_by_len(SA_FAMILY_INET, 24));
+  const rt_head* head =
+      rt_table_locate(daemonSock(ip("203.0.113.0")), sock_mask_by_len(SA_FAMILY_INET, 24));
   ASSERT_TRUE(head);
   ASSERT_EQ(head->rth_n_entries, 2u);
 

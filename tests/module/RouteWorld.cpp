@@ -12,16 +12,6 @@ std::string text(const sockaddr_un* a) {
   return buf;
 }
 
-sockaddr_un* sockOf(const std::string& t) {
-  if (t.find(':') != std::string::npos) {
-    const Kanet::Ip6Addr a = Kanet::Ip6Addr::fromString(t);
-    uint8_t b[16];
-    for (int i = 0; i < 16; ++i) b[i] = a.u8(i);
-    return sockbuild_in6(0, b);
-  }
-  return sockbuild_in(0, Kanet::IpAddr::fromString(t).valueNetworkOrder());
-}
-
 struct Collect {
   uint16_t proto;
   std::map<std::string, std::string>* out;
@@ -122,9 +112,9 @@ void RouteWorld::intf(const char* intfId, const char* device, unsigned ifIndex, 
 void RouteWorld::daemonAddr(unsigned ifIndex, const char* addr, const char* peer) {
   const std::string a(addr);
   const auto slash = a.find('/');
-  sockaddr_un local = *sockOf(a.substr(0, slash));
+  sockaddr_un local = *daemonSock(a.substr(0, slash));
   sockaddr_un remote{};
-  if (peer) remote = *sockOf(peer);
+  if (peer) remote = *daemonSock(peer);
   ASSERT_NE(
       corvd_host_addr(ifIndex, &local, std::stoi(a.substr(slash + 1)), peer ? &remote : nullptr),
       nullptr);

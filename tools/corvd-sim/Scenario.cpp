@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/daemon/host_conf.h"
@@ -18,16 +19,6 @@ using namespace InterfaceRouteInfo;
 namespace {
 
 // A daemon socket address for IPv4 or IPv6 text (a temporary of the daemon's pool).
-sockaddr_un* sockOf(const std::string& text) {
-  if (text.find(':') != std::string::npos) {
-    const Kanet::Ip6Addr a = Kanet::Ip6Addr::fromString(text);
-    uint8_t b[16];
-    for (int i = 0; i < 16; ++i) b[i] = a.u8(i);
-    return sockbuild_in6(0, b);
-  }
-  return sockbuild_in(0, Kanet::IpAddr::fromString(text).valueNetworkOrder());
-}
-
 unsigned long number(const std::string& word, const char* what) {
   char* end = nullptr;
   const unsigned long v = std::strtoul(word.c_str(), &end, 10);
@@ -114,18 +105,18 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       const unsigned long index = number(w[1], "ifIndex");
       if (!ifl_locate_index(index)) fail("no link with ifIndex " + w[1]);
       if (cmd == "unaddr") {
-        corvd_host_addr_del(index, sockOf(w[2]));
+        corvd_host_addr_del(index, daemonSock(w[2]));
         return;
       }
       const auto slash = w[2].find('/');
       if (slash == std::string::npos) fail("address needs a prefix length: " + w[2]);
       const std::string addr = w[2].substr(0, slash);
       const int len = static_cast<int>(number(w[2].substr(slash + 1), "prefix length"));
-      sockaddr_un local = *sockOf(addr);
+      sockaddr_un local = *daemonSock(addr);
       if (!sock_mask_by_len(local.sa_family, len)) fail("prefix length out of range: " + w[2]);
       sockaddr_un peer{};
       if (w.size() >= 5 && w[3] == "peer")
-        peer = *sockOf(w[4]);
+        peer = *daemonSock(w[4]);
       else if (w.size() != 3)
         fail("usage: addr IFINDEX ADDR/LEN [peer ADDR]");
       if (!corvd_host_addr(index, &local, len, w.size() >= 5 ? &peer : nullptr)) {

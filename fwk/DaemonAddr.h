@@ -1,0 +1,33 @@
+// Daemon socket addresses for the model's addresses. Each call returns a daemon temporary
+// (sockbuild_in / sockbuild_in6): copy it before the daemon's pool of temporaries comes round,
+// or sockdup it to keep it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "fwk/daemon/corvd.h"
+#include "fwk/model/KanetIpAddr.h"
+
+namespace InterfaceRouteInfo {
+
+inline sockaddr_un* daemonSock(const Kanet::IpAddr& a) {
+  return sockbuild_in(0, a.valueNetworkOrder());
+}
+
+inline sockaddr_un* daemonSock(const Kanet::Ip6Addr& a) {
+  uint8_t bytes[16];
+  for (int i = 0; i < 16; ++i) bytes[i] = a.u8(i);
+  return sockbuild_in6(0, bytes);
+}
+
+// An IPv4 or IPv6 address in text (IPv6 when it holds a colon); malformed text raises the
+// address type's Kel::RangeException.
+inline sockaddr_un* daemonSock(std::string_view text) {
+  if (text.find(':') != std::string_view::npos) {
+    return daemonSock(Kanet::Ip6Addr::fromString(text));
+  }
+  return daemonSock(Kanet::IpAddr::fromString(text));
+}
+
+}  // namespace InterfaceRouteInfo
