@@ -48,17 +48,9 @@ using Route6Backlog = RouteBacklogT<Ip6RouteTraits>;
 using UnresolvedRouteBacklog = UnresolvedRouteBacklogT<Ip4RouteTraits>;
 using UnresolvedRoute6Backlog = UnresolvedRouteBacklogT<Ip6RouteTraits>;
 
-inline Kel::Ptr<RouteBacklog> routeBacklogFactory(Kel::Name name) {
-  return Kel::make<RouteBacklog>(std::move(name));
-}
-inline Kel::Ptr<Route6Backlog> route6BacklogFactory(Kel::Name name) {
-  return Kel::make<Route6Backlog>(std::move(name));
-}
-inline Kel::Ptr<UnresolvedRouteBacklog> unresolvedRouteBacklogFactory(Kel::Name name) {
-  return Kel::make<UnresolvedRouteBacklog>(std::move(name));
-}
-inline Kel::Ptr<UnresolvedRoute6Backlog> unresolvedRoute6BacklogFactory(Kel::Name name) {
-  return Kel::make<UnresolvedRoute6Backlog>(std::move(name));
-}
+KEL_FACTORY(routeBacklogFactory, RouteBacklog)
+KEL_FACTORY(route6BacklogFactory, Route6Backlog)
+KEL_FACTORY(unresolvedRouteBacklogFactory, UnresolvedRouteBacklog)
+KEL_FACTORY(unresolvedRoute6BacklogFactory, UnresolvedRoute6Backlog)
 
 }  // namespace InterfaceRouteInfo

@@ -96,24 +96,4 @@ void RouteBacklogSmT<Traits>::doPrepareToDie() {
 template class RouteBacklogSmT<Ip4RouteTraits>;
 template class RouteBacklogSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteBacklogSm> routeBacklogSmFactory(
-    const Kel::Ptr<Kel::Clock>& clock, const Kel::Ptr<RouteBacklog>& backlog,
-    const Kel::Ptr<UnresolvedRouteBacklog>& unresolved,
-    const Kel::Ptr<const Routing::RouteInput>& routeInput, gw_entry* gwp,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<RouteBacklogSm>(clock, backlog, unresolved, routeInput, gwp,
-                                          kernelIntfStatusDir, intfStatusManager);
-}
-
-Kel::Ptr<Route6BacklogSm> route6BacklogSmFactory(
-    const Kel::Ptr<Kel::Clock>& clock, const Kel::Ptr<Route6Backlog>& backlog,
-    const Kel::Ptr<UnresolvedRoute6Backlog>& unresolved,
-    const Kel::Ptr<const Routing6::RouteInput>& routeInput, gw_entry* gwp,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Route6BacklogSm>(clock, backlog, unresolved, routeInput, gwp,
-                                           kernelIntfStatusDir, intfStatusManager);
-}
-
 }  // namespace InterfaceRouteInfo

@@ -118,17 +118,7 @@ using Route6BacklogSm = RouteBacklogSmT<Ip6RouteTraits>;
 extern template class RouteBacklogSmT<Ip4RouteTraits>;
 extern template class RouteBacklogSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteBacklogSm> routeBacklogSmFactory(
-    const Kel::Ptr<Kel::Clock>& clock, const Kel::Ptr<RouteBacklog>& backlog,
-    const Kel::Ptr<UnresolvedRouteBacklog>& unresolved,
-    const Kel::Ptr<const Routing::RouteInput>& routeInput, gw_entry* gwp,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
-Kel::Ptr<Route6BacklogSm> route6BacklogSmFactory(
-    const Kel::Ptr<Kel::Clock>& clock, const Kel::Ptr<Route6Backlog>& backlog,
-    const Kel::Ptr<UnresolvedRoute6Backlog>& unresolved,
-    const Kel::Ptr<const Routing6::RouteInput>& routeInput, gw_entry* gwp,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
+KEL_FACTORY(routeBacklogSmFactory, RouteBacklogSm)
+KEL_FACTORY(route6BacklogSmFactory, Route6BacklogSm)
 
 }  // namespace InterfaceRouteInfo

@@ -70,18 +70,4 @@ void RouteInputDirSmT<Traits>::doPrepareToDie() {
 template class RouteInputDirSmT<Ip4RouteTraits>;
 template class RouteInputDirSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteInputDirSm> routeInputDirSmFactory(
-    const Kel::Ptr<const Kel::Dir>& routeInputDir,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<RouteInputDirSm>(routeInputDir, kernelIntfStatusDir, intfStatusManager);
-}
-
-Kel::Ptr<Route6InputDirSm> route6InputDirSmFactory(
-    const Kel::Ptr<const Kel::Dir>& routeInputDir,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Route6InputDirSm>(routeInputDir, kernelIntfStatusDir, intfStatusManager);
-}
-
 }  // namespace InterfaceRouteInfo

@@ -78,13 +78,7 @@ using Route6InputDirSm = RouteInputDirSmT<Ip6RouteTraits>;
 extern template class RouteInputDirSmT<Ip4RouteTraits>;
 extern template class RouteInputDirSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteInputDirSm> routeInputDirSmFactory(
-    const Kel::Ptr<const Kel::Dir>& routeInputDir,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
-Kel::Ptr<Route6InputDirSm> route6InputDirSmFactory(
-    const Kel::Ptr<const Kel::Dir>& routeInputDir,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
+KEL_FACTORY(routeInputDirSmFactory, RouteInputDirSm)
+KEL_FACTORY(route6InputDirSmFactory, Route6InputDirSm)
 
 }  // namespace InterfaceRouteInfo

@@ -99,18 +99,4 @@ void RouteInputSmT<Traits>::handleRoute(const Key& key) {
 template class RouteInputSmT<Ip4RouteTraits>;
 template class RouteInputSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteInputSm> routeInputSmFactory(
-    const Kel::String8& name, const Kel::Ptr<const Routing::RouteInput>& routeInput,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<RouteInputSm>(name, routeInput, kernelIntfStatusDir, intfStatusManager);
-}
-
-Kel::Ptr<Route6InputSm> route6InputSmFactory(
-    const Kel::String8& name, const Kel::Ptr<const Routing6::RouteInput>& routeInput,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Route6InputSm>(name, routeInput, kernelIntfStatusDir, intfStatusManager);
-}
-
 }  // namespace InterfaceRouteInfo

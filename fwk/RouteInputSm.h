@@ -103,13 +103,7 @@ using Route6InputSm = RouteInputSmT<Ip6RouteTraits>;
 extern template class RouteInputSmT<Ip4RouteTraits>;
 extern template class RouteInputSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RouteInputSm> routeInputSmFactory(
-    const Kel::String8& name, const Kel::Ptr<const Routing::RouteInput>& routeInput,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
-Kel::Ptr<Route6InputSm> route6InputSmFactory(
-    const Kel::String8& name, const Kel::Ptr<const Routing6::RouteInput>& routeInput,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
+KEL_FACTORY(routeInputSmFactory, RouteInputSm)
+KEL_FACTORY(route6InputSmFactory, Route6InputSm)
 
 }  // namespace InterfaceRouteInfo

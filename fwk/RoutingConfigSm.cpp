@@ -37,18 +37,4 @@ void RoutingConfigSmT<Traits>::handleRouteInputDir() {
 template class RoutingConfigSmT<Ip4RouteTraits>;
 template class RoutingConfigSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RoutingConfigSm> routingConfigSmFactory(
-    const Kel::Ptr<const Routing::Config>& routingConfig,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<RoutingConfigSm>(routingConfig, kernelIntfStatusDir, intfStatusManager);
-}
-
-Kel::Ptr<Routing6ConfigSm> routing6ConfigSmFactory(
-    const Kel::Ptr<const Routing6::Config>& routing6Config,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager) {
-  return Kel::instantiate<Routing6ConfigSm>(routing6Config, kernelIntfStatusDir, intfStatusManager);
-}
-
 }  // namespace InterfaceRouteInfo

@@ -61,13 +61,7 @@ using Routing6ConfigSm = RoutingConfigSmT<Ip6RouteTraits>;
 extern template class RoutingConfigSmT<Ip4RouteTraits>;
 extern template class RoutingConfigSmT<Ip6RouteTraits>;
 
-Kel::Ptr<RoutingConfigSm> routingConfigSmFactory(
-    const Kel::Ptr<const Routing::Config>& routingConfig,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
-Kel::Ptr<Routing6ConfigSm> routing6ConfigSmFactory(
-    const Kel::Ptr<const Routing6::Config>& routing6Config,
-    const Kel::Ptr<const Interface::DeviceIntfStatusDir>& kernelIntfStatusDir,
-    const Kel::Ptr<const Interface::NetNsIntfStatusManager>& intfStatusManager);
+KEL_FACTORY(routingConfigSmFactory, RoutingConfigSm)
+KEL_FACTORY(routing6ConfigSmFactory, Routing6ConfigSm)
 
 }  // namespace InterfaceRouteInfo

@@ -109,6 +109,14 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 
 }  // namespace Kel
 
+// A type's factory, `name(params...)`: takes exactly the constructor's parameters, builds the
+// object and, when it has a handleInitialized (a reactor), runs its first scan before returning.
+#define KEL_FACTORY(name, Type)                                      \
+  template <class... KelArgs>                                        \
+  ::Kel::Ptr<Type> name(KelArgs&&... args) {                         \
+    return ::Kel::instantiate<Type>(std::forward<KelArgs>(args)...); \
+  }
+
 // ---- dispatch by kind ----
 #define KEL_DISPATCH_(prefix, kind, ...) prefix##kind(__VA_ARGS__)
 
@@ -202,16 +210,16 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_MEMBER_HANDLER(name, Cap)
 
 #define KEL_MEMBER_SIGNAL(name, Cap, Type, Default, handler) \
- public:                                                    \
-  const Type& name() const { return name##_; }              \
-  void name##Is(const Type& v) {                            \
-    if (name##_ == v) return;                               \
-    name##_ = v;                                            \
-    handler();                                              \
-    kelNotify([](Notifiee& n) { n.on##Cap(); });            \
-  }                                                         \
-                                                            \
- private:                                                   \
+ public:                                                     \
+  const Type& name() const { return name##_; }               \
+  void name##Is(const Type& v) {                             \
+    if (name##_ == v) return;                                \
+    name##_ = v;                                             \
+    handler();                                               \
+    kelNotify([](Notifiee& n) { n.on##Cap(); });             \
+  }                                                          \
+                                                             \
+ private:                                                    \
   Type name##_ = Default;
 
 #define KEL_MEMBER_COLLECTION(name, Cap, Key, Value)                                               \

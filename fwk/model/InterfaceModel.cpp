@@ -39,12 +39,4 @@ Kel::Ptr<const IntfStatus> NetNsIntfStatusManager::intfStatusByDeviceName(
   return kernelIntfStatusDir()->intfStatusAndDeviceName(it->second).intfStatus;
 }
 
-Kel::Ptr<NetNsIntfStatusManager> netNsIntfStatusManagerFactory(
-    const void* activityConfig, Kel::Ptr<const AllIntfStatusDir> all,
-    Kel::Ptr<const AllIntfStatusLocalDir> local, Kel::Ptr<DeviceIntfStatusDir> kernelDir,
-    const void* arpDir, const void* arpShared, const Kanet::NamespaceName& netNs) {
-  return Kel::make<NetNsIntfStatusManager>(activityConfig, std::move(all), std::move(local),
-                                           std::move(kernelDir), arpDir, arpShared, netNs);
-}
-
 }  // namespace Interface

@@ -128,11 +128,7 @@ class NetNsIntfStatusManager : public Kel::Entity {
   std::unordered_map<Kel::String8, Kanet::IntfId> byDeviceName_;
 };
 
-// Factory with the module's parameter list.
-Kel::Ptr<NetNsIntfStatusManager> netNsIntfStatusManagerFactory(
-    const void* activityConfig, Kel::Ptr<const AllIntfStatusDir> all,
-    Kel::Ptr<const AllIntfStatusLocalDir> local, Kel::Ptr<DeviceIntfStatusDir> kernelDir,
-    const void* arpDir, const void* arpShared, const Kanet::NamespaceName& netNs);
+KEL_FACTORY(netNsIntfStatusManagerFactory, NetNsIntfStatusManager)
 
 }  // namespace Interface
 
