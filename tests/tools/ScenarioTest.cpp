@@ -2,6 +2,9 @@
 // reported with its source and line and changes nothing.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 #include "fwk/Root.h"
@@ -40,6 +43,37 @@ TEST_F(ScenarioTest, BundledScenarioMirrorsItsRoutes) {
   // Never installed: the default route and the route whose next hop is unreachable.
   EXPECT_EQ(shown.find("0.0.0.0/0"), std::string::npos) << shown;
   EXPECT_EQ(shown.find("100.64.0.0/10"), std::string::npos) << shown;
+}
+
+std::string readFile(const std::filesystem::path& p) {
+  std::ifstream in(p);
+  std::ostringstream all;
+  all << in.rdbuf();
+  return all.str();
+}
+
+// Every scenario kept beside the tests prints exactly the tables kept beside it.
+TEST_F(ScenarioTest, ScenarioFilesPrintTheirExpectedTables) {
+  const char* root = std::getenv("IRI_SOURCE_DIR");
+  ASSERT_NE(root, nullptr) << "run through CTest, which sets IRI_SOURCE_DIR";
+  int seen = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(std::filesystem::path(root) / "tests/tools/scenarios")) {
+    if (entry.path().extension() != ".scn") continue;
+    SCOPED_TRACE(entry.path().filename().string());
+    TearDown();
+    SetUp();
+    std::ostringstream out;
+    {
+      CorvdSim::Scenario s(out);
+      s.runText(readFile(entry.path()), entry.path().string());
+    }
+    auto expected = entry.path();
+    expected.replace_extension(".expected");
+    EXPECT_EQ(out.str(), readFile(expected));
+    ++seen;
+  }
+  EXPECT_GE(seen, 2);
 }
 
 TEST_F(ScenarioTest, BadLinesNameSourceLineAndReason) {
