@@ -176,6 +176,7 @@ class HashMap {
       i = next;
     }
     dead_ = 0;
+    if (indexed_ == 0) release();
   }
 
   std::size_t tombstones() const { return dead_; }
@@ -291,6 +292,14 @@ class HashMap {
       forget(head_);
       --dead_;
     }
+    if (indexed_ == 0) release();
+  }
+  // An empty collection gives its storage back: a backlog that held a million keys for one
+  // drain does not keep their nodes.
+  void release() {
+    blocks_.clear();
+    std::vector<std::uint64_t>().swap(slots_);
+    head_ = tail_ = free_ = kNil;
   }
   void maybePurge() {
     if (dead_ > 32 && dead_ > live_) purge();

@@ -3,7 +3,7 @@
 namespace Kel {
 
 namespace {
-std::uint64_t nextSerial = 1;
+std::uint32_t nextSerial = 1;
 }
 
 NotifieeBase::~NotifieeBase() { notifierBaseIs(nullptr); }
@@ -40,6 +40,7 @@ bool NotifierBase::stillRegistered(const Reg& r) const {
 
 void NotifierBase::add(NotifieeBase* n) const {
   n->serial_ = nextSerial++;
+  if (nextSerial == 0) nextSerial = 1;
   regs_.push_back({n, n->serial_});
 }
 

@@ -3,7 +3,8 @@
 // registered when delivery starts (a snapshot) and still registered and active when its turn
 // comes. So a notifiee may unregister itself or others, or be destroyed, during a delivery, and a
 // notifiee registered during a delivery is first called on the next change. Registrations carry
-// a serial number, so a notifiee destroyed and another built at the same address during a
+// a serial number (32 bits, never 0; a wrap would have to land on the same address within one
+// delivery to matter), so a notifiee destroyed and another built at the same address during a
 // delivery is not mistaken for the old one. Exceptions thrown by a callback propagate to the
 // mutator's caller; the notifiees after it in the snapshot are not called for that change.
 #pragma once
@@ -39,7 +40,7 @@ class NotifieeBase {
  private:
   friend class NotifierBase;
   const NotifierBase* notifier_ = nullptr;
-  std::uint64_t serial_ = 0;
+  std::uint32_t serial_ = 0;  // 0: not registered
   bool active_ = true;
 };
 
@@ -73,7 +74,7 @@ class NotifierBase {
   friend class NotifieeBase;
   struct Reg {
     NotifieeBase* notifiee;
-    std::uint64_t serial;
+    std::uint32_t serial;
   };
   // The registrations in order. Most notifiers have at most one notifiee (a route watched by its
   // protocol's reactor), so the first lives inline and only further ones take heap storage.
