@@ -216,3 +216,24 @@ TEST_F(RouteMirror, GeneratedMutatorsRefuseBadParameters) {
 
 }  // namespace
 }  // namespace RouteTest
+
+namespace RouteTest {
+namespace {
+
+using RouteMirrorDeath = RouteMirror;
+
+// A via with neither a next hop nor an interface is a broken precondition: the drain stops the
+// process, naming the expression and the handler.
+TEST_F(RouteMirrorDeath, ViaWithoutHopOrInterfaceStopsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  auto bgp = input("bgp", 8, 20);
+  publish(bgp, "203.0.113.0/24", {{"", ""}});
+  start();
+  EXPECT_DEATH(run(),
+               "InterfaceRouteInfo\\.tin:[0-9]+: void "
+               "InterfaceRouteInfo::RouteBacklogSm::doAddRoute\\(const Routing::RouteKey&, "
+               "bool\\): Assertion `nexthop \\|\\| ifIndex' failed\\.");
+}
+
+}  // namespace
+}  // namespace RouteTest
