@@ -52,7 +52,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     rtparms.rtp_state |= rib.rib_state;
     sockaddr_un dest = *Traits::sockbuild(Traits::destAddr(key));
     rtparms.rtp_dest = &dest;
-    rtparms.rtp_dest_mask = routeDestMask(Traits::family, plen);
+    rtparms.rtp_dest_mask = sock_mask_by_len(Traits::family, plen);
 
     if (route->routeType() == RoutingModel::routeTypeBlackhole) {
       if (!rt_add(&rtparms, ifaps)) {

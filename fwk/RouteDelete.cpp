@@ -16,7 +16,7 @@ void RouteBacklogSmT<Traits>::doDeleteRoute(const Key& key) {
   IRI_TRACE_BEGIN();
   IRI_TRACE(8, "RouteKey " << key);
   sockaddr_un dest = *Traits::sockbuild(Traits::destAddr(key));
-  sockaddr_un* mask = routeDestMask(Traits::family, Traits::prefixLen(key));
+  sockaddr_un* mask = sock_mask_by_len(Traits::family, Traits::prefixLen(key));
   const auto route = routeInput()->route(key);
   rt_head* rth = rt_table_locate(&dest, mask);
   if (!rth) {

@@ -21,14 +21,6 @@
 
 namespace InterfaceRouteInfo {
 
-// The daemon's shared mask of `family` for prefix length `len`, taken from the per-family socket
-// information (zero_info when the family has none); null when `len` is out of range.
-inline sockaddr_un* routeDestMask(uint8_t family, int len) {
-  const sock_info* info = sockaddr_sock_info[family] ? sockaddr_sock_info[family] : &zero_info;
-  if (len < 0 || len > info->si_max_len) return nullptr;
-  return info->si_mask_list[len];
-}
-
 struct Ip4RouteTraits {
   using Key = Routing::RouteKey;
   using Addr = Kanet::IpAddr;
