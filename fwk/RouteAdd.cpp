@@ -7,6 +7,7 @@
 // are recycled after a few builds, and a route may have many vias.
 #include <cstring>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/ModuleSupport.h"
 #include "fwk/RouteBacklogSm.h"
 
@@ -28,7 +29,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     IRI_TRACE(8, "RouteKey " << key);
     if_addr* ifaps[RT_N_MULTIPATH];
     std::memset(ifaps, 0, sizeof ifaps);
-    const int plen = Traits::prefixLen(key);
+    const int plen = key.prefix().length();
     if (plen == 0) {
       IRI_TRACE(0, "Subnet length cannot be zero");
       return;
@@ -38,7 +39,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
       IRI_TRACE(0, Traits::noRouteToAdd);
       return;
     }
-    if (!Traits::validAsPrefix(key)) {
+    if (!key.prefix().validAsPrefix()) {
       IRI_TRACE(0, "Not a valid prefix");
       return;
     }
@@ -50,7 +51,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     rtparms.rtp_gwp = gwp();
     rtparms.rtp_state &= kStateKeepMask;
     rtparms.rtp_state |= rib.rib_state;
-    sockaddr_un dest = *Traits::sockbuild(Traits::destAddr(key));
+    sockaddr_un dest = *daemonSock(key.prefix().address());
     rtparms.rtp_dest = &dest;
     rtparms.rtp_dest_mask = sock_mask_by_len(Traits::family, plen);
 
@@ -82,8 +83,8 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
         ifIndex = status.intfStatus->ifIndex();
       }
       sockaddr_un* nexthop = nullptr;
-      if (!Traits::isZero(via.hop)) {
-        hops[j] = *Traits::sockbuild(via.hop);
+      if (via.hop != typename Traits::Addr()) {
+        hops[j] = *daemonSock(via.hop);
         nexthop = &hops[j];
         rtparms.rtp_state |= kGatewayedState;
       }

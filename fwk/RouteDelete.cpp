@@ -5,6 +5,7 @@
 // Trace levels: "RouteKey <key>" at level 8 with the entry trace; outcomes at level 0.
 #include <cstring>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/ModuleSupport.h"
 #include "fwk/RouteBacklogSm.h"
 
@@ -15,8 +16,8 @@ void RouteBacklogSmT<Traits>::doDeleteRoute(const Key& key) {
   IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::doDeleteRoute(", Traits::keyParam, ")");
   IRI_TRACE_BEGIN();
   IRI_TRACE(8, "RouteKey " << key);
-  sockaddr_un dest = *Traits::sockbuild(Traits::destAddr(key));
-  sockaddr_un* mask = sock_mask_by_len(Traits::family, Traits::prefixLen(key));
+  sockaddr_un dest = *daemonSock(key.prefix().address());
+  sockaddr_un* mask = sock_mask_by_len(Traits::family, key.prefix().length());
   const auto route = routeInput()->route(key);
   rt_head* rth = rt_table_locate(&dest, mask);
   if (!rth) {
@@ -34,7 +35,7 @@ void RouteBacklogSmT<Traits>::doDeleteRoute(const Key& key) {
       bool skipRoute = false;
       for (auto [via, present] : route->viaCollection()) {
         if (adj.adj_n_gw == 0) break;  // no first gateway to compare with
-        sockaddr_un hop = *Traits::sockbuild(via.hop);
+        sockaddr_un hop = *daemonSock(via.hop);
         if (sockaddr_equal(&hop, adj.adj_routers[0])) {
           skipRoute = true;
           break;

@@ -3,14 +3,15 @@
 // The route reactors (RoutingConfigSm, RouteInputDirSm, RouteInputSm), the backlogs and the
 // backlog reactor with its add and delete decisions are written once, as templates over one of
 // these traits. A traits type carries: the model types (key, address, route input, route, via,
-// configuration), how an address becomes a daemon socket address, the address family of the
-// daemon's masks and interface addresses, the type names the framework reports, the message
-// texts that differ between the families, and the signatures that the entry/exit traces print.
+// configuration), the address family of the daemon's masks and interface addresses (addresses
+// become daemon socket addresses through daemonSock, DaemonAddr.h, for both families), the type
+// names the framework reports, the message texts that differ between the families, and the
+// signatures that the entry/exit traces print.
 //
 // Signatures: the traces read like those of the plain classes the templates stand for
 // ("void InterfaceRouteInfo::RouteBacklogSm::handleBacklog()"); each templated handler names its
-// own with IRI_SIGNATURE (ModuleSupport.h) built from `ns` + the class name held here + the
-// handler's own part. Keep these texts exactly as they are: tests compare them.
+// own with IRI_SIGNATURE (ModuleSupport.h) built from the class name held here and the handler's
+// own part. Keep these texts exactly as they are: tests compare them.
 #pragma once
 
 #include <cstdint>
@@ -30,13 +31,6 @@ struct Ip4RouteTraits {
   using Via = Routing::Via;
   static constexpr bool isIp6 = false;
   static constexpr uint8_t family = SA_FAMILY_INET;
-
-  // A daemon temporary for `a`; copy it before the pool of temporaries comes round.
-  static sockaddr_un* sockbuild(const Addr& a) { return daemonSock(a); }
-  static bool isZero(const Addr& a) { return a == Addr(); }
-  static Addr destAddr(const Key& k) { return k.prefix().address(); }
-  static int prefixLen(const Key& k) { return k.prefix().length(); }
-  static bool validAsPrefix(const Key& k) { return k.prefix().validAsPrefix(); }
 
   // Type names reported by the framework (introspection, exception texts).
   static constexpr const char* routeBacklogType = "InterfaceRouteInfo::RouteBacklog";
@@ -81,12 +75,6 @@ struct Ip6RouteTraits {
   using Via = Routing6::Via;
   static constexpr bool isIp6 = true;
   static constexpr uint8_t family = SA_FAMILY_INET6;
-
-  static sockaddr_un* sockbuild(const Addr& a) { return daemonSock(a); }
-  static bool isZero(const Addr& a) { return a == Addr(); }
-  static Addr destAddr(const Key& k) { return k.prefix().address(); }
-  static int prefixLen(const Key& k) { return k.prefix().length(); }
-  static bool validAsPrefix(const Key& k) { return k.prefix().validAsPrefix(); }
 
   static constexpr const char* routeBacklogType = "InterfaceRouteInfo::Route6Backlog";
   static constexpr const char* unresolvedRouteBacklogType =
