@@ -16,7 +16,6 @@
 
 #include <cstdint>
 
-#include "fwk/DaemonAddr.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/model/RoutingModel.h"
 

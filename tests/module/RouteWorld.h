@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/daemon/host_conf.h"
