@@ -229,8 +229,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     return v ? *v : Value{};                                                                       \
   }                                                                                                \
   void name##Is(const Key& k, const Value& v) {                                                    \
-    if (const Value* old = name##_.find(k); old && *old == v) return;                              \
-    name##_.insert(k, v);                                                                          \
+    if (!name##_.assign(k, v)) return;                                                             \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
   }                                                                                                \
   void name##Del(const Key& k) {                                                                   \

@@ -67,26 +67,21 @@ class HashMap {
 
   // Inserts or assigns; returns the stored value and whether the key is new.
   std::pair<V*, bool> insert(const K& k, V v) {
-    const std::uint32_t h = mix(k);
-    std::uint32_t i = lookup(k, h);
-    const bool fresh = i == kNil;
-    if (fresh) {
-      if ((indexed_ + 1) * 4 > slots_.size() * 3) rehash(slots_.empty() ? 4 : slots_.size() * 2);
-      i = allocate();
-      Node& n = node(i);
-      n.key = k;
-      n.hash = h;
-      place(h, i);
-      ++indexed_;
-      link(i);
-    }
+    auto [i, fresh] = locate(k);
     Node& n = node(i);
     n.value = std::move(v);
-    if (n.live) return {&n.value, false};
-    if (!fresh) --dead_;  // a tombstone comes back in its old place
-    n.live = true;
-    ++live_;
-    return {&n.value, true};
+    return {&n.value, revive(n, fresh)};
+  }
+
+  // Stores v at k with one probe of the index; false, and nothing changed, when k already held
+  // an equal value. (The mutators' "no notification when unchanged" rule.)
+  bool assign(const K& k, const V& v) {
+    auto [i, fresh] = locate(k);
+    Node& n = node(i);
+    if (n.live && n.value == v) return false;
+    n.value = v;
+    revive(n, fresh);
+    return true;
   }
 
   // Returns false when k is absent.
@@ -195,6 +190,30 @@ class HashMap {
   Node& node(std::uint32_t i) const {
     const unsigned b = blockOf(i);
     return blocks_[b][i + 2u - (2u << b)];
+  }
+
+  // The node of k, made (and linked at the back, not yet live) when the index has none.
+  std::pair<std::uint32_t, bool> locate(const K& k) {
+    const std::uint32_t h = mix(k);
+    std::uint32_t i = lookup(k, h);
+    if (i != kNil) return {i, false};
+    if ((indexed_ + 1) * 4 > slots_.size() * 3) rehash(slots_.empty() ? 4 : slots_.size() * 2);
+    i = allocate();
+    Node& n = node(i);
+    n.key = k;
+    n.hash = h;
+    place(h, i);
+    ++indexed_;
+    link(i);
+    return {i, true};
+  }
+  // Makes a located node live; true when it was not (fresh, or a tombstone back in its place).
+  bool revive(Node& n, bool fresh) {
+    if (n.live) return false;
+    if (!fresh) --dead_;
+    n.live = true;
+    ++live_;
+    return true;
   }
 
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
