@@ -88,9 +88,6 @@ class RouteBacklogSmT : public Kel::Entity {
                   const RouteInputPtr& routeInput, gw_entry* gwp,
                   const DevDirPtr& kernelIntfStatusDir, const ManagerPtr& intfStatusManager);
 
-  // The IPv6 spelling of the route input accessor.
-  const RouteInputPtr& route6Input() const { return routeInput(); }
-
   void handleInitialized();
   void scheduleBacklog();
   void handleBacklog();

@@ -137,10 +137,6 @@ class HashMap {
       node_ = map_->firstLive(node_ ? node_->next : kNil);
       return *this;
     }
-    // Moves off a member that was erased since the iterator stood on it.
-    void skipErased() {
-      if (node_ && !node_->live) node_ = map_->firstLive(node_->next);
-    }
 
     // Range-for support.
     std::pair<const K&, V&> operator*() const { return {node_->key, node_->value}; }

@@ -28,20 +28,10 @@ inline if_link* addLink(unsigned long index, const char* name, bool up, flag_t e
   return corvd_host_link(index, name, up, extra);
 }
 
-// Adds local/len (with `peer` as remote when given) to the link `index`.
+// Adds local/len (with `peer` as the point-to-point peer when given) to the link `index`.
 inline if_addr* addAddr(unsigned long index, sockaddr_un* local, int len,
-                        sockaddr_un* peer = nullptr, flag_t state = 0) {
-  if (state == 0) return corvd_host_addr(index, local, len, peer);
-  if_info req{};
-  req.ifi_link = ifl_locate_index(index);
-  req.ifi_state = state;
-  req.ifi_addr_local = sockdup(local);
-  req.ifi_addr_remote = sockdup(peer);
-  req.ifi_netmask = sockdup(sock_mask_by_len(local->sa_family, len));
-  if_conf_open(fwk_task, 0);
-  if_addr* a = if_conf_addaddr(fwk_task, &req);
-  if_conf_close(fwk_task, 1);
-  return a;
+                        sockaddr_un* peer = nullptr) {
+  return corvd_host_addr(index, local, len, peer);
 }
 
 inline void delAddr(unsigned long index, sockaddr_un* local) { corvd_host_addr_del(index, local); }

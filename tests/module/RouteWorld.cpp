@@ -120,47 +120,51 @@ void RouteWorld::daemonAddr(unsigned ifIndex, const char* addr, const char* peer
       nullptr);
 }
 
-Kel::Ptr<Routing::RouteInput> RouteWorld::input(const char* name, uint8_t proto, uint8_t pref) {
-  if (auto e = Kel::ptr_cast<Routing::RouteInput>(dir_->entityPtr(Kel::Name(name)))) return e;
-  auto in = Kel::make<Routing::RouteInput>(Kel::Name(name));
-  in->routingProtoIs(proto);
-  in->preferenceIs(pref);
-  dir_->entityPtrIs(Kel::Name(name), in);
-  return in;
-}
+namespace {
 
-Kel::Ptr<Routing6::RouteInput> RouteWorld::input6(const char* name, uint8_t proto, uint8_t pref) {
-  if (auto e = Kel::ptr_cast<Routing6::RouteInput>(dir6_->entityPtr(Kel::Name(name)))) return e;
-  auto in = Kel::make<Routing6::RouteInput>(Kel::Name(name));
+// The input `name` of a directory, made and published on first use.
+template <class Input>
+Kel::Ptr<Input> inputOf(Kel::Dir& dir, const char* name, uint8_t proto, uint8_t pref) {
+  if (auto e = Kel::ptr_cast<Input>(dir.entityPtr(Kel::Name(name)))) return e;
+  auto in = Kel::make<Input>(Kel::Name(name));
   in->routingProtoIs(proto);
   in->preferenceIs(pref);
   in->redistributeNameIs(std::string(name) + "-redist");
-  dir6_->entityPtrIs(Kel::Name(name), in);
+  dir.entityPtrIs(Kel::Name(name), in);
   return in;
+}
+
+template <class Input, class ParseAddr>
+Kel::Ptr<typename Input::Route> publishTo(const Kel::Ptr<Input>& in, const typename Input::Key& k,
+                                          const std::vector<ViaText>& vias, ParseAddr parse) {
+  auto r = in->routeNew(k);
+  for (auto [intf, hop] : vias) {
+    typename Input::Route::Via v;
+    v.intfId = Kanet::IntfId(intf);
+    if (*hop) v.hop = parse(hop);
+    r->viaIs(v, true);
+  }
+  return r;
+}
+
+}  // namespace
+
+Kel::Ptr<Routing::RouteInput> RouteWorld::input(const char* name, uint8_t proto, uint8_t pref) {
+  return inputOf<Routing::RouteInput>(*dir_, name, proto, pref);
+}
+
+Kel::Ptr<Routing6::RouteInput> RouteWorld::input6(const char* name, uint8_t proto, uint8_t pref) {
+  return inputOf<Routing6::RouteInput>(*dir6_, name, proto, pref);
 }
 
 Kel::Ptr<Routing::Route> RouteWorld::publish(const Kel::Ptr<Routing::RouteInput>& in,
                                              const char* prefix, std::vector<ViaText> vias) {
-  auto r = in->routeNew(key(prefix));
-  for (auto [intf, hop] : vias) {
-    Routing::Via v;
-    v.intfId = Kanet::IntfId(intf);
-    if (*hop) v.hop = ip(hop);
-    r->viaIs(v, true);
-  }
-  return r;
+  return publishTo(in, key(prefix), vias, ip);
 }
 
 Kel::Ptr<Routing6::Route> RouteWorld::publish6(const Kel::Ptr<Routing6::RouteInput>& in,
                                                const char* prefix, std::vector<ViaText> vias) {
-  auto r = in->routeNew(key6(prefix));
-  for (auto [intf, hop] : vias) {
-    Routing6::Via v;
-    v.intfId = Kanet::IntfId(intf);
-    if (*hop) v.hop = ip6(hop);
-    r->viaIs(v, true);
-  }
-  return r;
+  return publishTo(in, key6(prefix), vias, ip6);
 }
 
 void RouteWorld::run(double seconds) {

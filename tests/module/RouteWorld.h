@@ -36,6 +36,9 @@ std::map<std::string, std::string> daemonRoutes(uint16_t proto);
 // The level-0 messages recorded so far, in order.
 std::vector<std::string> events(const Kel::TraceRecorder& rec);
 
+// One next hop as text: {intfId or "", hop or ""}.
+using ViaText = std::pair<const char*, const char*>;
+
 class RouteWorld : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -55,7 +58,6 @@ class RouteWorld : public ::testing::Test {
   Kel::Ptr<Routing::RouteInput> input(const char* name, uint8_t proto = 8, uint8_t pref = 20);
   Kel::Ptr<Routing6::RouteInput> input6(const char* name, uint8_t proto = 8, uint8_t pref = 20);
   // Publishes `prefix` with next hops / interfaces (either may be empty per via).
-  using ViaText = std::pair<const char*, const char*>;  // {intfId or "", hop or ""}
   Kel::Ptr<Routing::Route> publish(const Kel::Ptr<Routing::RouteInput>& in, const char* prefix,
                                    std::vector<ViaText> vias);
   Kel::Ptr<Routing6::Route> publish6(const Kel::Ptr<Routing6::RouteInput>& in, const char* prefix,
