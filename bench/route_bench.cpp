@@ -8,13 +8,7 @@
 // (measured by counting live heap bytes).
 #include <benchmark/benchmark.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
-#include <ctime>
-#include <new>
-#include <thread>
-
+#include "bench/BenchSupport.h"
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/daemon/host_conf.h"
@@ -23,57 +17,11 @@
 
 namespace {
 
-std::atomic<long long> liveBytes{0};
-
-}  // namespace
-
-// Live heap bytes of the process: every allocation carries its size in a small header.
-void* operator new(std::size_t n) {
-  auto* p = static_cast<std::size_t*>(std::malloc(n + 16));
-  if (!p) throw std::bad_alloc();
-  *p = n;
-  liveBytes.fetch_add(static_cast<long long>(n), std::memory_order_relaxed);
-  return reinterpret_cast<char*>(p) + 16;
-}
-void operator delete(void* q) noexcept {
-  if (!q) return;
-  auto* p = reinterpret_cast<std::size_t*>(static_cast<char*>(q) - 16);
-  liveBytes.fetch_sub(static_cast<long long>(*p), std::memory_order_relaxed);
-  std::free(p);
-}
-void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
-
-namespace {
-
 using namespace InterfaceRouteInfo;
-
-double cpuSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
-}
-double wallSeconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
-struct LoopStats {
-  double longestSlice = 0;
-};
-
-// Runs the activity loop on real time until `done` holds, timing every pass.
-template <class Done>
-void runUntil(Done done, LoopStats& stats) {
-  Kel::ActivityManager& am = *Kel::activityManager();
-  while (!done()) {
-    const double next = am.nextTime();
-    if (next == Kel::endOfTime) break;
-    const double wait = next - am.currentTime();
-    if (wait > 0) std::this_thread::sleep_for(std::chrono::duration<double>(wait));
-    const double t0 = wallSeconds();
-    am.runOnce();
-    stats.longestSlice = std::max(stats.longestSlice, wallSeconds() - t0);
-  }
-}
+using BenchSupport::cpuSeconds;
+using BenchSupport::liveBytes;
+using BenchSupport::runUntil;
+using BenchSupport::wallSeconds;
 
 template <bool V6>
 void mirror(benchmark::State& state) {
@@ -140,25 +88,24 @@ void mirror(benchmark::State& state) {
     const long long modelBytes = liveBytes.load() - before;
 
     // Mirror: the input appears in the directory; the module queues and drains every route.
-    LoopStats mirrorStats;
     const long long beforeMirror = liveBytes.load();
     const double w0 = wallSeconds();
     const double c0 = cpuSeconds();
     (V6 ? dir6 : dir)->entityPtrIs(Kel::Name("bgp"), in);
     const double queued = wallSeconds() - w0;
-    runUntil([&] { return rt_entry_count() == static_cast<std::size_t>(n); }, mirrorStats);
+    const double mirrorLongest =
+        runUntil([&] { return rt_entry_count() == static_cast<std::size_t>(n); });
     const double mirrorWall = wallSeconds() - w0;
     const double mirrorCpu = cpuSeconds() - c0;
     const long long moduleDaemonBytes = liveBytes.load() - beforeMirror;
     if (rt_entry_count() != static_cast<std::size_t>(n)) state.SkipWithError("not all mirrored");
 
     // Withdraw every route and run until the table is empty.
-    LoopStats withdrawStats;
     const double w1 = wallSeconds();
     const double c1 = cpuSeconds();
     in->routeDelAll();
     const double withdrawQueued = wallSeconds() - w1;
-    runUntil([&] { return rt_entry_count() == 0; }, withdrawStats);
+    const double withdrawLongest = runUntil([&] { return rt_entry_count() == 0; });
     const double withdrawWall = wallSeconds() - w1;
     const double withdrawCpu = cpuSeconds() - c1;
 
@@ -173,10 +120,10 @@ void mirror(benchmark::State& state) {
     state.counters["mirror_queue_s"] = queued;
     state.counters["withdraw_queue_s"] = withdrawQueued;
     state.counters["mirror_cpu_ns_per_route"] = mirrorCpu * 1e9 / static_cast<double>(n);
-    state.counters["mirror_longest_slice_ms"] = mirrorStats.longestSlice * 1e3;
+    state.counters["mirror_longest_slice_ms"] = mirrorLongest * 1e3;
     state.counters["withdraw_wall_s"] = withdrawWall;
     state.counters["withdraw_cpu_ns_per_route"] = withdrawCpu * 1e9 / static_cast<double>(n);
-    state.counters["withdraw_longest_slice_ms"] = withdrawStats.longestSlice * 1e3;
+    state.counters["withdraw_longest_slice_ms"] = withdrawLongest * 1e3;
     state.counters["batches"] = sm ? sm->backlogCount() : 0;
     state.counters["module_daemon_B_per_route"] =
         static_cast<double>(moduleDaemonBytes) / static_cast<double>(n);

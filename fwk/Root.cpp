@@ -5,11 +5,12 @@
 namespace InterfaceRouteInfo {
 
 namespace {
-Kel::Ptr<Root>& currentRoot() {
-  static Kel::Ptr<Root> root;
-  return root;
-}
+Kel::Ptr<Root> processRoot;
+Kel::Ptr<Root>* rootSlot = &processRoot;
+Kel::Ptr<Root>& currentRoot() { return *rootSlot; }
 }  // namespace
+
+void theRootSlotIs(Kel::Ptr<Root>* slot) { rootSlot = slot ? slot : &processRoot; }
 
 const Kel::Ptr<Root>& theRoot() { return currentRoot(); }
 void theRootDel() { currentRoot() = nullptr; }
@@ -32,15 +33,27 @@ void Root::handleInitialized() {
   intfStatusManagerIs(nullptr, allIntfStatusDir(), allIntfStatusLocalDir(), kernelIntfStatusDir(),
                       nullptr, nullptr, netNs());
 
+  IRI_TRACE(0, "Instantiating intfBacklogSm for vrf " << vrfName());
+  intfBacklogIs(Kel::Name(vrfName().str()));
+  intfBacklogSmIs(vrfName(), intfBacklog(), Kel::activityManager()->clock(), allIntfStatusDir(),
+                  ipStatus(), ip6Status(), kernelIntfStatusDir(), intfStatusManager());
+
+  IRI_TRACE(0, "Instantiating vrfIpIntfStatusSm");
+  vrfIpIntfStatusSmIs(vrfName(), ipStatus(), intfBacklog());
+
   IRI_TRACE(0, "Instantiating RoutingConfigSm");
   routingConfigSmIs(routingConfig(), kernelIntfStatusDir(), intfStatusManager());
 
   if (vrfName() == Ip::VrfName("default")) {
     IRI_ASSERT(ip6Status());
     IRI_ASSERT(routing6Config());
+    IRI_TRACE(0, "Instantiating vrfIp6IntfStatusSm");
+    vrfIp6IntfStatusSmIs(vrfName(), ip6Status(), intfBacklog());
     IRI_TRACE(0, "Instantiating Route6InputDirSm");
     routing6ConfigSmIs(routing6Config(), kernelIntfStatusDir(), intfStatusManager());
   }
+
+  loopbackSmIs(intfStatusManager()->kernelNetworkInfoRoot());
 
   if (currentRoot().ptr() != this) currentRoot() = Kel::Ptr<Root>(this);
   fwk_task->task_ifachange_method = &Root::handleIfaChange;

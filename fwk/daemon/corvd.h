@@ -7,6 +7,7 @@
 #pragma once
 
 #include "fwk/daemon/if_table.h"
+#include "fwk/daemon/instance.h"
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/rt_table.h"
 #include "fwk/daemon/show.h"

@@ -4,6 +4,7 @@
 #include <deque>
 #include <unordered_map>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/rt_internal.h"
 
@@ -18,6 +19,8 @@ struct Gateways {
 Gateways g;
 
 }  // namespace
+
+const corvd_state_ops corvd_state_gw = corvd_state_ops_of<Gateways, g>();
 
 namespace corvd_rt {
 

@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/rt_table.h"
 
@@ -117,7 +118,9 @@ bool isP2p(const if_addr* a) {
 void indexAddr(if_addr* a, bool add) {
   const if_info& i = a->ifa_info;
   FamilyIndex* f = indexOf(i.ifi_addr_local->sa_family);
+  // A zero-length netmask gives the address no subnet: it serves only itself, as a host.
   int len = sock_mask_len(i.ifi_netmask);
+  if (len == 0) len = f->maxLen;
   Key sub = keyOf(i.ifi_addr_local, len);
   Key local = keyOf(i.ifi_addr_local, f->maxLen);
   auto one = [&](KeyMap& m, const Key& k, int l) {
@@ -248,6 +251,8 @@ if_addr* lookup(const sockaddr_un* addr, bool exactFirst) {
 }
 
 }  // namespace
+
+const corvd_state_ops corvd_state_if = corvd_state_ops_of<Table, t>();
 
 void if_conf_open(task* tp, int /*flags*/) {
   ++corvd_calls[CORVD_FN_if_conf_open];

@@ -13,6 +13,8 @@
 //  - An address is up (IFS_UP in its ifi_state) exactly when its link is up; the UP bit of a
 //    request is ignored. IFS_POINTOPOINT/IFS_LOOPBACK/IFS_BROADCAST of the link are or-ed into
 //    its addresses' state as well as those given in the request.
+//  - An address with a zero-length netmask has no subnet: it serves only its own address (the
+//    loopback's ::1, entered with length 0, does not capture every IPv6 destination).
 //  - if_withdst serves only up addresses. Point-to-point addresses match their peer (as a host
 //    route) and their own subnet; among several matches the longest prefix wins, then the
 //    address added first.

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "fwk/daemon/if_table.h"
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/rt_table.h"
 #include "fwk/daemon/sockaddr.h"
 #include "fwk/daemon/task.h"
@@ -22,7 +23,26 @@ std::vector<std::string> misuseLog;
 unsigned failRtAdd = 0;
 unsigned failRtChange = 0;
 
+// An instance's bookkeeping: misuse log, call counters, fault injection.
+struct Bookkeeping {
+  std::vector<std::string> log;
+  uint64_t calls[CORVD_FN_COUNT] = {};
+  unsigned failRtAdd = 0;
+  unsigned failRtChange = 0;
+};
+void swapBookkeeping(void* parked) {
+  auto& p = *static_cast<Bookkeeping*>(parked);
+  misuseLog.swap(p.log);
+  std::swap_ranges(std::begin(corvd_calls), std::end(corvd_calls), std::begin(p.calls));
+  std::swap(failRtAdd, p.failRtAdd);
+  std::swap(failRtChange, p.failRtChange);
+}
+
 }  // namespace
+
+const corvd_state_ops corvd_state_misuse = {
+    []() -> void* { return new Bookkeeping(); }, &swapBookkeeping,
+    [](void* parked) { delete static_cast<Bookkeeping*>(parked); }};
 
 uint64_t corvd_misuse_count() { return misuseLog.size(); }
 

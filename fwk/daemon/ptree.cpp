@@ -3,6 +3,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/prefix_key.h"
 #include "fwk/daemon/rt_internal.h"
 
@@ -15,10 +16,11 @@ struct ptree {
 namespace {
 
 // The trees of all gateways; a gateway's gw_ptree points into its tree here.
-std::unordered_map<gw_entry*, std::unique_ptr<ptree>>& trees() {
-  static std::unordered_map<gw_entry*, std::unique_ptr<ptree>> all;
-  return all;
-}
+struct Trees {
+  std::unordered_map<gw_entry*, std::unique_ptr<ptree>> all;
+};
+Trees allTrees;
+std::unordered_map<gw_entry*, std::unique_ptr<ptree>>& trees() { return allTrees.all; }
 
 ptree* treeOf(gw_entry* gwp) {
   if (!gwp->gw_ptree) {
@@ -32,6 +34,8 @@ ptree* treeOf(gw_entry* gwp) {
 Key6 keyOf(const rt_head* h) { return key6(&h->rth_dest, h->rth_plen); }
 
 }  // namespace
+
+const corvd_state_ops corvd_state_ptree = corvd_state_ops_of<Trees, allTrees>();
 
 namespace corvd_rt {
 

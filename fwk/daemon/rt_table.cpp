@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/prefix_index.h"
 #include "fwk/daemon/prefix_key.h"
@@ -160,6 +161,9 @@ rt_entry* newEntry() {
 }
 
 }  // namespace
+
+const corvd_state_ops corvd_state_rt = corvd_state_ops_of<Table, t>();
+const corvd_state_ops corvd_state_rib = corvd_state_ops_of<rt_rib, rib>();
 
 namespace corvd_rt {
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 
 namespace {
@@ -66,10 +67,14 @@ struct Pool {
 Pool pool;
 
 enum class CopyState : uint8_t { floating, taken };
-// Every lasting copy, by address. unique_ptr frees it when erased.
+// Every lasting copy, by address. unique_ptr frees it when erased. Copies belong to the
+// instance that made them; the pool of temporaries above is the process's.
+struct Copies {
+  std::unordered_map<sockaddr_un*, std::pair<std::unique_ptr<sockaddr_un>, CopyState>> all;
+};
+Copies lasting;
 std::unordered_map<sockaddr_un*, std::pair<std::unique_ptr<sockaddr_un>, CopyState>>& copies() {
-  static std::unordered_map<sockaddr_un*, std::pair<std::unique_ptr<sockaddr_un>, CopyState>> c;
-  return c;
+  return lasting.all;
 }
 
 sockaddr_un* nextTemporary() {
@@ -105,6 +110,8 @@ int lenOfBytes(const uint8_t* b, int n) {
 }
 
 }  // namespace
+
+const corvd_state_ops corvd_state_sock = corvd_state_ops_of<Copies, lasting>();
 
 sock_info* sockaddr_sock_info[SA_FAMILY_LIMIT] = {};
 sock_info zero_info = {SA_FAMILY_UNSPEC, 0, nullptr};

@@ -3,12 +3,29 @@
 #include <algorithm>
 #include <vector>
 
+#include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 
 namespace {
 task fwkTaskRecord = {"fwk", nullptr, nullptr};
 std::vector<task*> others;
+
+// An instance's tasks: the module task's hook and data (its record keeps its address) and the
+// other registered tasks.
+struct Tasks {
+  task record = {"fwk", nullptr, nullptr};
+  std::vector<task*> others;
+};
+void swapTasks(void* parked) {
+  auto& p = *static_cast<Tasks*>(parked);
+  std::swap(fwkTaskRecord.task_ifachange_method, p.record.task_ifachange_method);
+  std::swap(fwkTaskRecord.task_data, p.record.task_data);
+  others.swap(p.others);
+}
 }  // namespace
+
+const corvd_state_ops corvd_state_task = {[]() -> void* { return new Tasks(); }, &swapTasks,
+                                          [](void* parked) { delete static_cast<Tasks*>(parked); }};
 
 task* fwk_task = &fwkTaskRecord;
 

@@ -161,10 +161,17 @@ void ActivityManager::reset() {
   fired_ = 0;
 }
 
-ActivityManager* activityManager() {
+namespace {
+ActivityManager* processManager() {
   // Never destroyed: clocks and notifiees in static storage may outlive any exit-time order.
   static ActivityManager* const manager = new ActivityManager();
   return manager;
 }
+ActivityManager* currentManager = nullptr;
+}  // namespace
+
+ActivityManager* activityManager() { return currentManager ? currentManager : processManager(); }
+
+void activityManagerIs(ActivityManager* m) { currentManager = m; }
 
 }  // namespace Kel

@@ -130,7 +130,12 @@ class ActivityManager {
   bool stopRequested_ = false;
 };
 
-// The process-wide activity manager (made on first use, never destroyed).
+// The current activity manager: the process-wide one (made on first use, never destroyed) unless
+// a host running one loop per world made another current with activityManagerIs. Kel::now(),
+// the main clock of the module's reactors and clocks made without a manager follow it; a clock
+// keeps the manager that was current when it was made.
 ActivityManager* activityManager();
+// Makes `m` current; null restores the process-wide one. The caller keeps `m` alive meanwhile.
+void activityManagerIs(ActivityManager* m);
 
 }  // namespace Kel

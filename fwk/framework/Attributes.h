@@ -14,8 +14,13 @@
 //   CHILD(name, Cap, Type)             owned child; nameIs(params...) instantiates, nameDel(),
 //                                      newCap(params...) builds one without storing it
 //   CHILDREN(name, Cap, Key, Type)     keyed owned reactors; nameIs(k, params...) returns the
-//   member
+//   member (nameDel(k), nameDelAll())
 //                                      with equal parameters or raises Kel::NameInUseException
+//   ENTRIES(name, Cap, Key, Type)      keyed entity records made from their key: name(k) (null when
+//                                      absent), nameIs(k) finds or makes the member (notifies
+//                                      on make), nameDel(k), nameDelAll(), nameIterator(),
+//                                      nameCount(); a member type with kelMemberOf(Owner*) is
+//                                      told when it joins (owner) and leaves (null)
 //   NOTIFIEES(name, Cap, Key, Adapter, Watched)  keyed adapters made from Ptr<const Watched>, keyed
 //                                      by the watched entity's key(); null raises
 //                                      Kel::RangeException
@@ -75,6 +80,13 @@ Ptr<T> instantiate(Args&&... args) {
   Ptr<T> p(new T(std::forward<Args>(args)...));
   if constexpr (requires(T & t) { t.handleInitialized(); }) p->handleInitialized();
   return p;
+}
+
+// Tells a collection member that it joined `owner`'s collection (or left it: null), when its type
+// wants to know (it has kelMemberOf(Owner*)).
+template <class T, class Owner>
+void memberOf(T& member, Owner* owner) {
+  if constexpr (requires { member.kelMemberOf(owner); }) member.kelMemberOf(owner);
 }
 
 namespace detail {
@@ -137,6 +149,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   virtual void on##Cap##kelImmediate() {}
 #define KEL_CB_COLLECTION(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
 #define KEL_CB_CHILDREN(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
+#define KEL_CB_ENTRIES(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
 #define KEL_CB_NOTIFIEES(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
 
 // ---- attribute table rows ----
@@ -148,6 +161,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_KIND_COLLECTION collection
 #define KEL_KIND_CHILD child
 #define KEL_KIND_CHILDREN children
+#define KEL_KIND_ENTRIES collection
 #define KEL_KIND_NOTIFIEES notifiees
 #define KEL_KIND_HANDLER handler
 
@@ -160,6 +174,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_TIE_COLLECTION(...)
 #define KEL_TIE_CHILD(...)
 #define KEL_TIE_CHILDREN(...)
+#define KEL_TIE_ENTRIES(...)
 #define KEL_TIE_NOTIFIEES(...)
 #define KEL_TIE_HANDLER(...)
 #define KEL_PNAME_(kind, ...) KEL_DISPATCH_(KEL_PNAME_, kind, __VA_ARGS__)
@@ -170,6 +185,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_PNAME_COLLECTION(...)
 #define KEL_PNAME_CHILD(...)
 #define KEL_PNAME_CHILDREN(...)
+#define KEL_PNAME_ENTRIES(...)
 #define KEL_PNAME_NOTIFIEES(...)
 #define KEL_PNAME_HANDLER(...)
 
@@ -236,12 +252,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     if (!name##_.erase(k)) return;                                                                 \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
   }                                                                                                \
-  void name##DelAll() {                                                                            \
-    for (auto it = name##_.begin(); it; ++it) {                                                    \
-      const Key k = it.key();                                                                      \
-      name##Del(k);                                                                                \
-    }                                                                                              \
-  }                                                                                                \
+  KEL_DEL_ALL_(name, Key)                                                                          \
   /* Tells every notifiee to rescan the whole collection. */                                       \
   void name##Resync() const {                                                                      \
     kelNotify([](Notifiee& n) { n.on##Cap##kelImmediate(); });                                     \
@@ -277,35 +288,70 @@ void checkReinstantiation(const T& existing, const Args&... args) {
  private:                                                                       \
   ::Kel::Ptr<Type> name##_;
 
-#define KEL_MEMBER_CHILDREN(name, Cap, Key, Type)                                   \
- public:                                                                            \
-  ::Kel::Ptr<Type> name(const Key& k) const {                                       \
-    const ::Kel::Ptr<Type>* v = name##_.find(k);                                    \
-    return v ? *v : ::Kel::Ptr<Type>();                                             \
-  }                                                                                 \
-  template <class... Args>                                                          \
-  ::Kel::Ptr<Type> name##Is(const Key& k, const Args&... args) {                    \
-    if (const ::Kel::Ptr<Type>* have = name##_.find(k)) {                           \
-      ::Kel::checkReinstantiation(**have, k, args...);                              \
-      return *have;                                                                 \
-    }                                                                               \
-    ::Kel::Ptr<Type> c = ::Kel::instantiate<Type>(k, args...);                      \
-    name##_.insert(k, c);                                                           \
-    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                 \
-    return c;                                                                       \
-  }                                                                                 \
-  void name##Del(const Key& k) {                                                    \
-    ::Kel::Ptr<Type> old = name(k);                                                 \
-    if (!name##_.erase(k)) return;                                                  \
-    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                 \
-  }                                                                                 \
-  typename ::Kel::HashMap<Key, ::Kel::Ptr<Type>>::Iterator name##Iterator() const { \
-    return name##_.begin();                                                         \
-  }                                                                                 \
-  std::size_t name##Count() const { return name##_.size(); }                        \
-                                                                                    \
- private:                                                                           \
+// Removes every member of `name`, each through nameDel so that each is notified.
+#define KEL_DEL_ALL_(name, Key)                 \
+  void name##DelAll() {                         \
+    for (auto it = name##_.begin(); it; ++it) { \
+      const Key k = it.key();                   \
+      name##Del(k);                             \
+    }                                           \
+  }
+
+// What the keyed collections of entities share: lookup (null when absent), DelAll, iteration,
+// count, and the storage.
+#define KEL_PTR_MEMBERS_(name, Key, Type)                                                   \
+ public:                                                                                    \
+  ::Kel::Ptr<Type> name(const Key& k) const {                                               \
+    const ::Kel::Ptr<Type>* v = name##_.find(k);                                            \
+    return v ? *v : ::Kel::Ptr<Type>();                                                     \
+  }                                                                                         \
+  KEL_DEL_ALL_(name, Key)                                                                   \
+  typename ::Kel::HashMap<Key, ::Kel::Ptr<Type>>::Iterator name##Iterator() const {         \
+    return name##_.begin();                                                                 \
+  }                                                                                         \
+  std::size_t name##Count() const { return name##_.size(); }                                \
+  const ::Kel::HashMap<Key, ::Kel::Ptr<Type>>& name##Collection() const { return name##_; } \
+                                                                                            \
+ private:                                                                                   \
   ::Kel::HashMap<Key, ::Kel::Ptr<Type>> name##_;
+
+#define KEL_MEMBER_CHILDREN(name, Cap, Key, Type)                \
+  KEL_PTR_MEMBERS_(name, Key, Type)                              \
+ public:                                                         \
+  template <class... Args>                                       \
+  ::Kel::Ptr<Type> name##Is(const Key& k, const Args&... args) { \
+    if (const ::Kel::Ptr<Type>* have = name##_.find(k)) {        \
+      ::Kel::checkReinstantiation(**have, k, args...);           \
+      return *have;                                              \
+    }                                                            \
+    ::Kel::Ptr<Type> c = ::Kel::instantiate<Type>(k, args...);   \
+    name##_.insert(k, c);                                        \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });              \
+    return c;                                                    \
+  }                                                              \
+  void name##Del(const Key& k) {                                 \
+    ::Kel::Ptr<Type> old = name(k);                              \
+    if (!name##_.erase(k)) return;                               \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });              \
+  }
+
+#define KEL_MEMBER_ENTRIES(name, Cap, Key, Type)                      \
+  KEL_PTR_MEMBERS_(name, Key, Type)                                   \
+ public:                                                              \
+  ::Kel::Ptr<Type> name##Is(const Key& k) {                           \
+    if (const ::Kel::Ptr<Type>* have = name##_.find(k)) return *have; \
+    ::Kel::Ptr<Type> c = ::Kel::make<Type>(k);                        \
+    name##_.insert(k, c);                                             \
+    ::Kel::memberOf(*c, this);                                        \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
+    return c;                                                         \
+  }                                                                   \
+  void name##Del(const Key& k) {                                      \
+    ::Kel::Ptr<Type> old = name(k);                                   \
+    if (!name##_.erase(k)) return;                                    \
+    ::Kel::memberOf(*old, static_cast<decltype(this)>(nullptr));      \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
+  }
 
 #define KEL_MEMBER_NOTIFIEES(name, Cap, Key, Adapter, Watched)                               \
  public:                                                                                     \

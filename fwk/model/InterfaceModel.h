@@ -1,11 +1,20 @@
 // The interface status model the module reads, in its minimal form:
-//   AllIntfStatusDir.intfStatus: IntfId -> IntfStatus (every interface of the system)
-//   AllIntfStatusLocalDir: the local interface status (kept as an input; not read yet)
+//   AllIntfStatusDir.intfStatus: IntfId -> IntfStatus (every interface of the system, with its
+//     kernel device name, ifIndex, MTU and oper status)
+//   AllIntfStatusLocalDir.kernelNetworkInfo: namespace name -> KernelNetworkInfo::Root (the
+//     kernel's devices of each local network namespace)
 //   DeviceIntfStatusDir.intfStatusAndDeviceName: IntfId -> {IntfStatus, device name}, the
-//     interfaces of one network namespace as the kernel names them; filled by the manager
-//   NetNsIntfStatusManager: merges the two for one namespace and owns the kernel's view
-//     (KernelNetworkInfo::Root)
-// Publishers hold non-const pointers; the module reads through Kel::Ptr<const ...>.
+//     interfaces local to one namespace; kept by the manager below
+//   NetNsIntfStatusManager: keeps the namespace's DeviceIntfStatusDir from both of the above
+// An interface is local to the namespace, and so in its DeviceIntfStatusDir, exactly while it
+// has an IntfStatus whose device name names a kernel device of that namespace. Replacing the
+// kernel device of a local interface (a device made again, under a new ifIndex) notifies the
+// directory's watchers of the interface's entry (removed and put back).
+// An IntfStatus's ifIndex is its device's kernel ifIndex: its agent keeps the two equal, and
+// sets it before the device appears in the namespace (routes through a local interface read it).
+// Publishers hold non-const pointers; the module reads through Kel::Ptr<const ...>. An
+// IntfStatus's device name is fixed once published: a renamed interface is published as a new
+// IntfStatus under its IntfId.
 #pragma once
 
 #include <cstdint>
@@ -15,21 +24,13 @@
 #include "fwk/framework/Attributes.h"
 #include "fwk/model/KanetIntfId.h"
 #include "fwk/model/KanetNames.h"
-
-namespace KernelNetworkInfo {
-
-// The kernel's view of network devices for one namespace.
-class Root : public Kel::Entity {
- public:
-#define KEL_ATTRS_KniRoot(A) A(SCALAR, deviceCount, DeviceCount, std::uint32_t, 0)
-  KEL_ENTITY(Root, "KernelNetworkInfo::Root", KEL_ATTRS_KniRoot)
-#undef KEL_ATTRS_KniRoot
-  explicit Root(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-
-}  // namespace KernelNetworkInfo
+#include "fwk/model/KernelNetworkInfo.h"
 
 namespace Interface {
+
+// The operational state of an interface as its status agent reports it.
+enum class IntfOperStatus : std::uint8_t { intfOperUnknown = 0, intfOperUp = 1, intfOperDown = 2 };
+std::ostream& operator<<(std::ostream& os, IntfOperStatus s);
 
 class IntfStatus : public Kel::Entity {
  public:
@@ -37,10 +38,12 @@ class IntfStatus : public Kel::Entity {
   A(INPUT, intfId, IntfId, Kanet::IntfId)             \
   A(SCALAR, deviceName, DeviceName, Kel::String8, "") \
   A(SCALAR, ifIndex, IfIndex, std::uint32_t, 0)       \
-  A(SCALAR, operStatusUp, OperStatusUp, bool, false)
+  A(SCALAR, mtu, Mtu, std::uint16_t, 1500)            \
+  A(SCALAR, operStatus, OperStatus, ::Interface::IntfOperStatus, IntfOperStatus::intfOperUnknown)
   KEL_ENTITY(IntfStatus, "Interface::IntfStatus", KEL_ATTRS_IntfStatus)
 #undef KEL_ATTRS_IntfStatus
   explicit IntfStatus(const Kanet::IntfId& id) : Kel::Entity(id.toString()) { kelInputsIs(id); }
+  const Kanet::IntfId& key() const { return intfId(); }
 };
 using IntfStatusPtr = Kel::Ptr<IntfStatus>;
 
@@ -69,12 +72,21 @@ class AllIntfStatusDir : public Kel::Entity {
 
 class AllIntfStatusLocalDir : public Kel::Entity {
  public:
-#define KEL_ATTRS_AllIntfStatusLocalDir(A) \
-  A(COLLECTION, intfStatusLocal, IntfStatusLocal, Kanet::IntfId, bool)
+#define KEL_ATTRS_AllIntfStatusLocalDir(A)                                  \
+  A(COLLECTION, kernelNetworkInfo, KernelNetworkInfo, Kanet::NamespaceName, \
+    ::KernelNetworkInfo::RootPtr)
   KEL_ENTITY(AllIntfStatusLocalDir, "Interface::AllIntfStatusLocalDir",
              KEL_ATTRS_AllIntfStatusLocalDir)
 #undef KEL_ATTRS_AllIntfStatusLocalDir
   explicit AllIntfStatusLocalDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
+
+  // Publishing helper: the kernel view of namespace `netNs`, made on first use.
+  ::KernelNetworkInfo::RootPtr kernelNetworkInfoNew(const Kanet::NamespaceName& netNs) {
+    if (auto r = kernelNetworkInfo(netNs)) return r;
+    auto r = Kel::make<::KernelNetworkInfo::Root>(Kel::Name("kernelNetworkInfo-" + netNs.str()));
+    kernelNetworkInfoIs(netNs, r);
+    return r;
+  }
 };
 
 class DeviceIntfStatusDir : public Kel::Entity {
@@ -87,9 +99,13 @@ class DeviceIntfStatusDir : public Kel::Entity {
   explicit DeviceIntfStatusDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
 
-// Keeps the namespace's DeviceIntfStatusDir in step with AllIntfStatusDir and answers lookups of
-// an interface status by kernel device name. Made with the parameters the module passes
-// (activity configuration, ARP directory and ARP shared data are accepted and unused: null).
+// Keeps the namespace's DeviceIntfStatusDir from AllIntfStatusDir and the namespace's kernel view
+// (kernelNetworkInfoRoot, taken from AllIntfStatusLocalDir when the manager is made; an empty
+// view of its own when the namespace has none yet, so a publisher makes the namespace's view
+// before it starts a Root) and answers lookups of an interface status by kernel device name.
+// Made with the parameters the module passes (activity configuration, ARP directory and ARP
+// shared data are accepted and unused: null). When two interfaces name the same device, the one
+// published last is the device's.
 class NetNsIntfStatusManager : public Kel::Entity {
  public:
   class KelAllIntfStatusDir : public AllIntfStatusDir::Notifiee {
@@ -101,13 +117,22 @@ class NetNsIntfStatusManager : public Kel::Entity {
    private:
     NetNsIntfStatusManager* owner_;
   };
+  class KelKernelNetworkInfoRoot : public ::KernelNetworkInfo::Root::Notifiee {
+   public:
+    explicit KelKernelNetworkInfoRoot(NetNsIntfStatusManager* owner) : owner_(owner) {}
+    void onInterfaceByName(const Kel::String8& name) override { owner_->handleKernelIntf(name); }
+    void onInterfaceByNamekelImmediate() override { owner_->handleIntfStatus(); }
+
+   private:
+    NetNsIntfStatusManager* owner_;
+  };
 
 #define KEL_ATTRS_NetNsIntfStatusManager(A)                                                     \
   A(INPUT, allIntfStatusDir, AllIntfStatusDir, Kel::Ptr<const AllIntfStatusDir>)                \
   A(INPUT, allIntfStatusLocalDir, AllIntfStatusLocalDir, Kel::Ptr<const AllIntfStatusLocalDir>) \
   A(INPUT, kernelIntfStatusDir, KernelIntfStatusDir, Kel::Ptr<DeviceIntfStatusDir>)             \
   A(INPUT, netNs, NetNs, Kanet::NamespaceName)                                                  \
-  A(CHILD, kernelNetworkInfoRoot, KernelNetworkInfoRoot, KernelNetworkInfo::Root)
+  A(POINTER, kernelNetworkInfoRoot, KernelNetworkInfoRoot, ::KernelNetworkInfo::Root)
   KEL_ENTITY(NetNsIntfStatusManager, "Interface::NetNsIntfStatusManager",
              KEL_ATTRS_NetNsIntfStatusManager)
 #undef KEL_ATTRS_NetNsIntfStatusManager
@@ -119,36 +144,28 @@ class NetNsIntfStatusManager : public Kel::Entity {
 
   // The status of the interface whose kernel device name is deviceName, or null.
   Kel::Ptr<const IntfStatus> intfStatusByDeviceName(const Kel::String8& deviceName) const;
+  // The kernel device of that name in this namespace, or null.
+  Kel::Ptr<const ::KernelNetworkInfo::Interface> kernelInterface(
+      const Kel::String8& deviceName) const {
+    return kernelNetworkInfoRoot()->interface(deviceName);
+  }
 
   void handleIntfStatus(const Kanet::IntfId& id);
   void handleIntfStatus();
+  void handleKernelIntf(const Kel::String8& deviceName);
 
  private:
+  // Makes the directory's entry for `id` follow its status and kernel device; `newDevice` when
+  // the device itself was replaced.
+  void refresh(const Kanet::IntfId& id, bool newDevice);
+
   KelAllIntfStatusDir kelAllIntfStatusDir_{this};
-  std::unordered_map<Kel::String8, Kanet::IntfId> byDeviceName_;
+  KelKernelNetworkInfoRoot kelKernelNetworkInfoRoot_{this};
+  std::unordered_map<Kel::String8, Kanet::IntfId> byDeviceName_;  // device -> its interface
+  std::unordered_map<Kanet::IntfId, Kel::String8> deviceOf_;      // interface -> its device
 };
 
 KEL_FACTORY(netNsIntfStatusManagerFactory, NetNsIntfStatusManager)
+KEL_FACTORY(deviceIntfStatusDirFactory, DeviceIntfStatusDir)
 
 }  // namespace Interface
-
-namespace Ip {
-// The IPv4 status of every VRF; its per-VRF content arrives with interface mirroring.
-class Status : public Kel::Entity {
- public:
-#define KEL_ATTRS_IpStatus(A) A(COLLECTION, vrf, Vrf, Ip::VrfName, bool)
-  KEL_ENTITY(Status, "Ip::Status", KEL_ATTRS_IpStatus)
-#undef KEL_ATTRS_IpStatus
-  explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-}  // namespace Ip
-
-namespace Ip6 {
-class Status : public Kel::Entity {
- public:
-#define KEL_ATTRS_Ip6Status(A) A(COLLECTION, vrf, Vrf, Ip::VrfName, bool)
-  KEL_ENTITY(Status, "Ip6::Status", KEL_ATTRS_Ip6Status)
-#undef KEL_ATTRS_Ip6Status
-  explicit Status(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-}  // namespace Ip6

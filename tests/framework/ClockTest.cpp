@@ -175,3 +175,41 @@ TEST_F(ClockTest, ClocksLiveWhileWatchedAndResetRestoresRealTime) {
 }
 
 }  // namespace
+
+namespace {
+
+// Two activity managers, one per world: each has its own time and clocks; switching the current
+// one decides what Kel::now() reads and where new clocks go, and never fires the other's clocks.
+TEST(ActivityManagerSwitch, EachWorldRunsItsOwnLoopAndTime) {
+  Kel::ActivityManager a;
+  Kel::ActivityManager b;
+  a.manualTimeIs(10.0);
+  b.manualTimeIs(500.0);
+  struct Count : Kel::Clock::Notifiee {
+    int fired = 0;
+    void onTime() override { ++fired; }
+  };
+  Count inA;
+  Count inB;
+  Kel::activityManagerIs(&a);
+  EXPECT_EQ(Kel::now(), 10.0);
+  inA.notifierIs(Kel::make<Kel::Clock>("clockA"));
+  inA.timeMinIs(11.0);
+  Kel::activityManagerIs(&b);
+  EXPECT_EQ(Kel::now(), 500.0);
+  inB.notifierIs(Kel::activityManager()->clock());
+  inB.timeMinIs(501.0);
+  EXPECT_EQ(inA.notifier()->activityManager(), &a);  // a clock keeps its manager
+  b.runUntil(600.0);
+  EXPECT_EQ(inB.fired, 1);
+  EXPECT_EQ(inA.fired, 0);
+  Kel::activityManagerIs(nullptr);
+  EXPECT_NE(Kel::activityManager(), &a);
+  EXPECT_NE(Kel::activityManager(), &b);
+  a.runUntil(20.0);
+  EXPECT_EQ(inA.fired, 1);
+  inA.notifierIs(nullptr);
+  inB.notifierIs(nullptr);
+}
+
+}  // namespace

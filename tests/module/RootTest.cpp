@@ -23,13 +23,24 @@ TEST_F(RootStart, StartUpOrderInTheDefaultVrf) {
   const std::vector<std::string> want = {
       "8 " + sig + "BEGIN",
       "0 All our needs are satisfied. Instantiating state machines",
+      "0 Instantiating intfBacklogSm for vrf default",
+      "0 Instantiating vrfIpIntfStatusSm",
+      "0 VrfIpIntfStatusSm initialized",
       "0 Instantiating RoutingConfigSm",
+      "0 Instantiating vrfIp6IntfStatusSm",
+      "0 VrfIpIntfStatusSm initialized",
       "0 Instantiating Route6InputDirSm",
       "8 " + sig + "END",
   };
   EXPECT_EQ(startTrace(rec_), want);
   EXPECT_EQ(root_->kernelIntfStatusDir()->name().string(), "fwk");
   EXPECT_TRUE(root_->intfStatusManager());
+  EXPECT_EQ(root_->intfBacklog()->name().string(), "default");
+  EXPECT_TRUE(root_->intfBacklogSm()->initialized());
+  EXPECT_TRUE(root_->intfBacklogSm()->timerWheel());
+  EXPECT_TRUE(root_->vrfIpIntfStatusSm()->initialized());
+  EXPECT_TRUE(root_->vrfIp6IntfStatusSm()->initialized());
+  EXPECT_TRUE(root_->loopbackSm()->initialized());
   EXPECT_TRUE(root_->routingConfigSm()->initialized());
   EXPECT_TRUE(root_->routing6ConfigSm()->initialized());
   EXPECT_EQ(theRoot(), root_);
@@ -56,6 +67,8 @@ TEST_F(RootStart, SecondVrfBecomesTheRootAndHasNoIpv6) {
   root_->routingConfigIs(config_);
   root_->initializedIs(true);  // ip6Status and routing6Config null: fine outside "default"
   EXPECT_FALSE(root_->routing6ConfigSm());
+  EXPECT_FALSE(root_->vrfIp6IntfStatusSm());
+  EXPECT_TRUE(root_->vrfIpIntfStatusSm());
   EXPECT_EQ(theRoot(), root_);
   EXPECT_NE(theRoot(), first);
 }

@@ -2,6 +2,8 @@
 
 #include <sstream>
 
+#include "tests/support/WorldTeardown.h"
+
 namespace RouteTest {
 
 namespace {
@@ -71,19 +73,7 @@ void RouteWorld::SetUp() {
   config6_->routeInputDirIs(dir6_);
 }
 
-void RouteWorld::TearDown() {
-  root_ = nullptr;
-  theRootDel();
-  Kel::traceSinkIs(nullptr);
-  Kel::traceConfigIs("InterfaceRouteInfo/0");
-  EXPECT_EQ(corvd_misuse_count(), 0u) << [] {
-    std::string s;
-    for (const auto& m : corvd_misuse_log()) s += m + "\n";
-    return s;
-  }();
-  corvd_reset();
-  Kel::activityManager()->reset();
-}
+void RouteWorld::TearDown() { endModuleWorld(root_); }
 
 void RouteWorld::start(const char* vrf) {
   root_ = rootFactory("root");
@@ -103,8 +93,14 @@ void RouteWorld::intf(const char* intfId, const char* device, unsigned ifIndex, 
   auto status = Kel::make<Interface::IntfStatus>(id);
   status->deviceNameIs(device);
   status->ifIndexIs(ifIndex);
-  status->operStatusUpIs(true);
+  status->operStatusIs(Interface::IntfOperStatus::intfOperUp);
   all_->intfStatusIs(id, status);
+  // The kernel's device makes the interface local to the namespace; its link and addresses are
+  // entered into the daemon directly (the state database gives it no addresses, so interface
+  // mirroring leaves it alone).
+  auto kernelIntf = Kel::make<KernelNetworkInfo::Interface>(device);
+  kernelIntf->ifIndexIs(ifIndex);
+  local_->kernelNetworkInfoNew(Kanet::NamespaceName())->interfaceByNameIs(device, kernelIntf);
   corvd_host_link(ifIndex, device, true);
   if (addr) daemonAddr(ifIndex, addr, peer);
 }

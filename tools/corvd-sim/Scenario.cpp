@@ -1,16 +1,14 @@
 #include "tools/corvd-sim/Scenario.h"
 
-#include <cstdlib>
+#include <functional>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <vector>
 
-#include "fwk/DaemonAddr.h"
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
-#include "fwk/daemon/host_conf.h"
-#include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Exception.h"
+#include "tools/corvd-sim/ScenarioArgs.h"
+#include "tools/corvd-sim/World.h"
 
 namespace CorvdSim {
 
@@ -18,51 +16,86 @@ using namespace InterfaceRouteInfo;
 
 namespace {
 
-// A daemon socket address for IPv4 or IPv6 text (a temporary of the daemon's pool).
-unsigned long number(const std::string& word, const char* what) {
-  char* end = nullptr;
-  const unsigned long v = std::strtoul(word.c_str(), &end, 10);
-  if (word.empty() || *end != '\0')
-    throw Kel::RangeException(std::string("bad ") + what + " '" + word + "'");
-  return v;
+constexpr std::size_t kMaxLine = 4096;  // longer lines are refused, and quoted cut short
+
+// What the host knows of an interface, to check lines and to republish on a VRF move.
+struct IntfInfo {
+  std::string device;
+  std::string vrf = "default";
+  bool hasV4 = false;
+  std::vector<Kanet::IpAddrWithMask> v4;  // primary first
+  bool hasV6 = false;
+  std::vector<Kanet::Ip6AddrWithMask> v6;
+};
+
+void setV4(World& w, const std::string& vrf, const std::string& id,
+           const std::vector<Kanet::IpAddrWithMask>& addrs) {
+  auto s = w.ipStatus->vrfIpIntfStatusNew(Ip::VrfName(vrf))->ipIntfStatusNew(Kanet::IntfId(id));
+  s->activeAddrWithMaskIs(addrs.empty() ? Kanet::IpAddrWithMask() : addrs.front());
+  std::set<Kanet::IpAddrWithMask> want(addrs.begin() + (addrs.empty() ? 0 : 1), addrs.end());
+  for (auto it = s->activeSecondaryWithMaskIterator(); it; ++it) {
+    if (!want.count(it.key())) s->activeSecondaryWithMaskDel(it.key());
+  }
+  for (const auto& a : want) s->activeSecondaryWithMaskIs(a, true);
+}
+
+void delV4(World& w, const std::string& vrf, const std::string& id) {
+  if (auto v = w.ipStatus->vrfIpIntfStatus(Ip::VrfName(vrf))) {
+    v->ipIntfStatusDel(Kanet::IntfId(id));
+  }
+}
+
+void setV6(World& w, const std::string& id, const std::vector<Kanet::Ip6AddrWithMask>& addrs) {
+  auto s = w.ip6Status->intfNew(Ip::VrfName("default"), Kanet::IntfId(id));
+  std::set<Kanet::Ip6AddrWithMask> want(addrs.begin(), addrs.end());
+  for (auto it = s->addrIterator(); it; ++it) {
+    if (!want.count(it.key())) s->addrDel(it.key());
+  }
+  for (const auto& a : want) s->addrIs(a, Ip6::AddressInfo{a});
 }
 
 }  // namespace
 
 struct Scenario::State {
-  struct Vrf {
-    Kel::Ptr<Routing::Config> config;
-    Kel::Ptr<Routing6::Config> config6;
-    Kel::Ptr<Kel::Dir> dir;
-    Kel::Ptr<Kel::Dir> dir6;
-    std::map<std::string, Kel::Ptr<Routing::RouteInput>> inputs;
-    std::map<std::string, Kel::Ptr<Routing6::RouteInput>> inputs6;
-    Kel::Ptr<Root> root;
-  };
-  Kel::Ptr<Interface::AllIntfStatusDir> all = Kel::make<Interface::AllIntfStatusDir>("all");
-  Kel::Ptr<Interface::AllIntfStatusLocalDir> local =
-      Kel::make<Interface::AllIntfStatusLocalDir>("local");
-  Kel::Ptr<Ip::Status> ipStatus = Kel::make<Ip::Status>("ip");
-  Kel::Ptr<Ip6::Status> ip6Status = Kel::make<Ip6::Status>("ip6");
-  std::map<std::string, Vrf> vrfs;
+  std::map<std::string, std::unique_ptr<World>> worlds;
+  // State-database events in order, replayed into a world made later.
+  std::vector<std::function<void(World&)>> stateLog;
+  double now = 0;
+  std::map<std::string, std::uint32_t> devices;  // kernel device -> ifIndex
+  std::map<std::string, IntfInfo> intfs;
 
-  Vrf& vrf(const std::string& name) {
-    auto [it, fresh] = vrfs.try_emplace(name);
-    Vrf& v = it->second;
-    if (fresh) {
-      v.config = Kel::make<Routing::Config>(Kel::Name("routing-" + name));
-      v.config6 = Kel::make<Routing6::Config>(Kel::Name("routing6-" + name));
-      v.dir = Kel::make<Kel::Dir>(Kel::Name("routeInput-" + name));
-      v.dir6 = Kel::make<Kel::Dir>(Kel::Name("route6Input-" + name));
-      v.config->routeInputDirIs(v.dir);
-      v.config6->routeInputDirIs(v.dir6);
+  ~State() {
+    worlds.clear();
+    World::leave();
+  }
+
+  World& world(const std::string& vrf) {
+    auto it = worlds.find(vrf);
+    if (it != worlds.end()) {
+      it->second->enter();
+      return *it->second;
     }
-    return v;
+    auto w = std::make_unique<World>(vrf, now);
+    for (const auto& event : stateLog) event(*w);
+    return *worlds.emplace(vrf, std::move(w)).first->second;
+  }
+
+  void publish(std::function<void(World&)> event) {
+    for (auto& [name, w] : worlds) {
+      w->enter();
+      event(*w);
+    }
+    stateLog.push_back(std::move(event));
   }
 };
 
 Scenario::Scenario(std::ostream& out) : s_(std::make_unique<State>()), out_(out) {}
 Scenario::~Scenario() = default;
+
+Kel::Ptr<Root> Scenario::root(const std::string& vrf) const {
+  auto it = s_->worlds.find(vrf);
+  return it == s_->worlds.end() ? nullptr : it->second->root();
+}
 
 void Scenario::runText(const std::string& text, const std::string& source) {
   std::istringstream in(text);
@@ -72,116 +105,290 @@ void Scenario::runText(const std::string& text, const std::string& source) {
 }
 
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {
+  auto fail = [&](const std::string& why) -> void {
+    throw ScenarioError(source + ":" + std::to_string(lineNo) + ": " + why);
+  };
+  if (line.size() > kMaxLine) fail("line longer than " + std::to_string(kMaxLine) + " bytes");
   std::vector<std::string> w;
   {
     std::istringstream words(line.substr(0, line.find('#')));
     for (std::string x; words >> x;) w.push_back(x);
   }
   if (w.empty()) return;
-  auto fail = [&](const std::string& why) -> void {
-    throw ScenarioError(source + ":" + std::to_string(lineNo) + ": " + why);
-  };
-  auto need = [&](std::size_t n, const char* usage) {
-    if (w.size() < n) fail(std::string("usage: ") + usage);
+  auto need = [&](std::size_t min, std::size_t max, const char* usage) {
+    if (w.size() < min || w.size() > max) fail(std::string("usage: ") + usage);
   };
   State& s = *s_;
+  auto knownIntf = [&](const std::string& id) -> IntfInfo& {
+    auto it = s.intfs.find(id);
+    if (it == s.intfs.end()) fail("unknown interface '" + id + "' (declare it with intf)");
+    return it->second;
+  };
+  auto knownDevice = [&](const std::string& name) {
+    if (!s.devices.count(name)) fail("no kernel device '" + name + "'");
+  };
   try {
     const std::string& cmd = w[0];
-    if (cmd == "link") {
-      need(4, "link IFINDEX DEVICE INTFID [up|down]");
-      const unsigned long index = number(w[1], "ifIndex");
-      const bool up = w.size() < 5 || w[4] == "up";
-      if (w.size() >= 5 && w[4] != "up" && w[4] != "down") fail("link state must be up or down");
-      const Kanet::IntfId id(w[3]);
-      auto status = s.all->intfStatus(id);
-      if (!status) status = Kel::make<Interface::IntfStatus>(id);
-      status->deviceNameIs(w[2]);
-      status->ifIndexIs(static_cast<uint32_t>(index));
-      status->operStatusUpIs(up);
-      corvd_host_link(index, w[2].c_str(), up);
-      s.all->intfStatusIs(id, status);
-    } else if (cmd == "addr" || cmd == "unaddr") {
-      need(3, "addr IFINDEX ADDR/LEN [peer ADDR]");
-      const unsigned long index = number(w[1], "ifIndex");
-      if (!ifl_locate_index(index)) fail("no link with ifIndex " + w[1]);
-      if (cmd == "unaddr") {
-        corvd_host_addr_del(index, daemonSock(w[2]));
+    if (cmd == "device") {
+      need(3, 7, "device DEV IFINDEX [flags F] [mac M]");
+      const std::string name = deviceName(w[1]);
+      const auto index = static_cast<std::uint32_t>(number(w[2], "ifIndex", 1, 0xffffffffu));
+      std::uint32_t flags = 0x41;  // up, running
+      Kanet::EthAddr mac;
+      for (std::size_t i = 3; i < w.size(); i += 2) {
+        if (i + 1 >= w.size()) fail("'" + w[i] + "' needs a value");
+        if (w[i] == "flags") {
+          flags = kernelFlags(w[i + 1]);
+        } else if (w[i] == "mac") {
+          mac = Kanet::EthAddr::fromString(w[i + 1]);
+        } else {
+          fail("unexpected '" + w[i] + "'");
+        }
+      }
+      for (const auto& [other, otherIndex] : s.devices) {
+        if (otherIndex == index && other != name) {
+          fail("ifIndex " + w[2] + " is the kernel's already (device " + other + ")");
+        }
+      }
+      s.devices[name] = index;
+      // The status agent keeps each interface's ifIndex equal to its device's, before the
+      // device appears (routes read the ifIndex of a local interface from its status).
+      std::vector<std::string> onDevice;
+      for (const auto& [id, info] : s.intfs) {
+        if (info.device == name) onDevice.push_back(id);
+      }
+      s.publish([name, index, flags, mac, onDevice](World& wd) {
+        for (const auto& id : onDevice) wd.all->intfStatus(Kanet::IntfId(id))->ifIndexIs(index);
+        auto d = Kel::make<KernelNetworkInfo::Interface>(name);
+        d->ifIndexIs(index);
+        d->flagsIs(flags);
+        d->macAddrIs(mac);
+        wd.kernel->interfaceByNameIs(name, d);
+      });
+    } else if (cmd == "nodevice") {
+      need(2, 2, "nodevice DEV");
+      knownDevice(w[1]);
+      s.devices.erase(w[1]);
+      s.publish([name = w[1]](World& wd) { wd.kernel->interfaceByNameDel(name); });
+    } else if (cmd == "flags" || cmd == "mac") {
+      need(3, 3, cmd == "flags" ? "flags DEV F" : "mac DEV M");
+      knownDevice(w[1]);
+      if (cmd == "flags") {
+        const std::uint32_t flags = kernelFlags(w[2]);
+        s.publish(
+            [name = w[1], flags](World& wd) { wd.kernel->interfaceByName(name)->flagsIs(flags); });
+      } else {
+        const Kanet::EthAddr mac = Kanet::EthAddr::fromString(w[2]);
+        s.publish(
+            [name = w[1], mac](World& wd) { wd.kernel->interfaceByName(name)->macAddrIs(mac); });
+      }
+    } else if (cmd == "intf") {
+      need(3, 7, "intf INTFID DEV [vrf V] [mtu N]");
+      const std::string id = intfIdText(w[1]);
+      const std::string dev = deviceName(w[2]);
+      std::string vrf;
+      int mtu = -1;
+      for (std::size_t i = 3; i < w.size(); i += 2) {
+        if (i + 1 >= w.size()) fail("'" + w[i] + "' needs a value");
+        if (w[i] == "vrf") {
+          vrf = Ip::VrfName(w[i + 1]).str();
+          if (vrf.empty()) fail("empty VRF name");
+        } else if (w[i] == "mtu") {
+          mtu = static_cast<int>(number(w[i + 1], "mtu", 68, 65535));
+        } else {
+          fail("unexpected '" + w[i] + "'");
+        }
+      }
+      auto it = s.intfs.find(id);
+      if (it == s.intfs.end()) {
+        IntfInfo info;
+        info.device = dev;
+        if (!vrf.empty()) info.vrf = vrf;
+        s.intfs[id] = info;
+        const auto m = static_cast<std::uint16_t>(mtu < 0 ? 1500 : mtu);
+        const auto known = s.devices.find(dev);
+        const std::uint32_t index = known == s.devices.end() ? 0 : known->second;
+        s.publish([id, dev, m, index](World& wd) {
+          auto st = Kel::make<Interface::IntfStatus>(Kanet::IntfId(id));
+          st->deviceNameIs(dev);
+          st->ifIndexIs(index);
+          st->mtuIs(m);
+          st->operStatusIs(Interface::IntfOperStatus::intfOperUp);
+          wd.all->intfStatusIs(Kanet::IntfId(id), st);
+        });
         return;
       }
-      const auto slash = w[2].find('/');
-      if (slash == std::string::npos) fail("address needs a prefix length: " + w[2]);
-      const std::string addr = w[2].substr(0, slash);
-      const int len = static_cast<int>(number(w[2].substr(slash + 1), "prefix length"));
-      sockaddr_un local = *daemonSock(addr);
-      if (!sock_mask_by_len(local.sa_family, len)) fail("prefix length out of range: " + w[2]);
-      sockaddr_un peer{};
-      if (w.size() >= 5 && w[3] == "peer")
-        peer = *daemonSock(w[4]);
-      else if (w.size() != 3)
-        fail("usage: addr IFINDEX ADDR/LEN [peer ADDR]");
-      if (!corvd_host_addr(index, &local, len, w.size() >= 5 ? &peer : nullptr)) {
-        fail("the daemon refused address " + w[2]);
+      IntfInfo& info = it->second;
+      if (info.device != dev) {
+        fail("interface '" + id + "' is on device " + info.device + " (nointf it first)");
       }
+      if (!vrf.empty() && vrf != info.vrf && info.hasV6 && vrf != "default") {
+        fail("interface '" + id + "' has IPv6 addresses, mirrored only in the VRF default");
+      }
+      if (mtu >= 0) {
+        s.publish([id, m = static_cast<std::uint16_t>(mtu)](World& wd) {
+          wd.all->intfStatus(Kanet::IntfId(id))->mtuIs(m);
+        });
+      }
+      if (!vrf.empty() && vrf != info.vrf) {
+        const std::string from = info.vrf;
+        info.vrf = vrf;
+        if (info.hasV4) {
+          s.publish([id, from, vrf, addrs = info.v4](World& wd) {
+            delV4(wd, from, id);
+            setV4(wd, vrf, id, addrs);
+          });
+        }
+      }
+    } else if (cmd == "nointf") {
+      need(2, 2, "nointf INTFID");
+      IntfInfo info = knownIntf(w[1]);
+      s.intfs.erase(w[1]);
+      s.publish([id = w[1], info](World& wd) {
+        if (info.hasV4) delV4(wd, info.vrf, id);
+        if (info.hasV6) wd.ip6Status->intfRemove(Kanet::IntfId(id));
+        wd.all->intfStatusDel(Kanet::IntfId(id));
+      });
+    } else if (cmd == "mtu") {
+      need(3, 3, "mtu INTFID N");
+      knownIntf(w[1]);
+      const auto m = static_cast<std::uint16_t>(number(w[2], "mtu", 68, 65535));
+      s.publish([id = w[1], m](World& wd) { wd.all->intfStatus(Kanet::IntfId(id))->mtuIs(m); });
+    } else if (cmd == "oper") {
+      need(3, 3, "oper INTFID up|down");
+      knownIntf(w[1]);
+      if (w[2] != "up" && w[2] != "down") fail("oper status must be up or down");
+      const auto st = w[2] == "up" ? Interface::IntfOperStatus::intfOperUp
+                                   : Interface::IntfOperStatus::intfOperDown;
+      s.publish(
+          [id = w[1], st](World& wd) { wd.all->intfStatus(Kanet::IntfId(id))->operStatusIs(st); });
+    } else if (cmd == "ip") {
+      need(3, 64, "ip INTFID A/L [A/L]...");
+      IntfInfo& info = knownIntf(w[1]);
+      std::vector<Kanet::IpAddrWithMask> addrs;
+      for (std::size_t i = 2; i < w.size(); ++i) {
+        const auto a = Kanet::IpAddrWithMask::fromString(w[i]);
+        if (a.address() == Kanet::IpAddr()) fail("0.0.0.0 is no interface address");
+        for (const auto& b : addrs) {
+          if (b.address() == a.address()) fail("address " + w[i] + " given twice");
+        }
+        addrs.push_back(a);
+      }
+      info.hasV4 = true;
+      info.v4 = addrs;
+      s.publish([id = w[1], vrf = info.vrf, addrs](World& wd) { setV4(wd, vrf, id, addrs); });
+    } else if (cmd == "noip") {
+      need(2, 2, "noip INTFID");
+      IntfInfo& info = knownIntf(w[1]);
+      info.hasV4 = false;
+      info.v4.clear();
+      s.publish([id = w[1], vrf = info.vrf](World& wd) { delV4(wd, vrf, id); });
+    } else if (cmd == "ip6") {
+      need(3, 64, "ip6 INTFID A/L...");
+      IntfInfo& info = knownIntf(w[1]);
+      if (info.vrf != "default") {
+        fail("IPv6 addresses are mirrored only in the VRF default ('" + w[1] + "' is in " +
+             info.vrf + ")");
+      }
+      std::vector<Kanet::Ip6AddrWithMask> addrs;
+      for (std::size_t i = 2; i < w.size(); ++i) {
+        const auto a = Kanet::Ip6AddrWithMask::fromString(w[i]);
+        for (const auto& b : addrs) {
+          if (b.address() == a.address()) fail("address " + w[i] + " given twice");
+        }
+        addrs.push_back(a);
+      }
+      info.hasV6 = true;
+      info.v6 = addrs;
+      s.publish([id = w[1], addrs](World& wd) { setV6(wd, id, addrs); });
+    } else if (cmd == "noip6") {
+      need(2, 2, "noip6 INTFID");
+      IntfInfo& info = knownIntf(w[1]);
+      info.hasV6 = false;
+      info.v6.clear();
+      s.publish([id = w[1]](World& wd) { wd.ip6Status->intfRemove(Kanet::IntfId(id)); });
+    } else if (cmd == "novrf") {
+      need(2, 2, "novrf V");
+      const Ip::VrfName vrf(w[1]);
+      for (auto& [id, info] : s.intfs) {
+        if (info.vrf != w[1]) continue;
+        info.hasV4 = info.hasV6 = false;
+        info.v4.clear();
+        info.v6.clear();
+      }
+      s.publish([vrf](World& wd) {
+        wd.ipStatus->vrfIpIntfStatusDel(vrf);
+        if (auto v6 = wd.ip6Status->vrfIp6IntfStatus(vrf)) {
+          std::vector<Kanet::IntfId> ids;
+          for (auto [id, st] : v6->ip6IntfStatusCollection()) ids.push_back(id);
+          for (const auto& id : ids) wd.ip6Status->intfRemove(id);
+          wd.ip6Status->vrfIp6IntfStatusDel(vrf);
+        }
+      });
     } else if (cmd == "vrf") {
-      need(2, "vrf NAME");
+      need(2, 2, "vrf NAME");
       const Ip::VrfName vrfName(w[1]);  // checks the name before anything is made
-      State::Vrf& v = s.vrf(w[1]);
-      if (v.root) fail("vrf " + w[1] + " is already started");
-      v.root = rootFactory(Kel::Name("root-" + w[1]));
-      v.root->vrfNameIs(vrfName);
-      v.root->allIntfStatusDirIs(s.all);
-      v.root->allIntfStatusLocalDirIs(s.local);
-      v.root->ipStatusIs(s.ipStatus);
-      v.root->ip6StatusIs(s.ip6Status);
-      v.root->routingConfigIs(v.config);
-      v.root->routing6ConfigIs(v.config6);
-      v.root->initializedIs(true);
+      if (vrfName.empty()) fail("empty VRF name");
+      World& v = s.world(w[1]);
+      if (v.root()) fail("vrf " + w[1] + " is already started");
+      v.startRoot();
     } else if (cmd == "input") {
-      need(5, "input VRF NAME proto N [pref N] [ipv6]");
+      need(5, 8, "input VRF NAME proto N [pref N] [ipv6]");
       if (w[3] != "proto") fail("usage: input VRF NAME proto N [pref N] [ipv6]");
-      const auto proto = number(w[4], "protocol");
-      unsigned long pref = 0;
+      const Ip::VrfName vrfName(w[1]);
+      const auto proto = static_cast<std::uint8_t>(number(w[4], "protocol", 0, 255));
+      std::uint8_t pref = 0;
       bool v6 = false;
       for (std::size_t i = 5; i < w.size(); ++i) {
         if (w[i] == "pref" && i + 1 < w.size()) {
-          pref = number(w[++i], "preference");
+          pref = static_cast<std::uint8_t>(number(w[++i], "preference", 0, 255));
         } else if (w[i] == "ipv6") {
           v6 = true;
         } else {
           fail("unexpected '" + w[i] + "'");
         }
       }
-      if (proto > 255 || pref > 255) fail("protocol and preference are 0..255");
-      State::Vrf& v = s.vrf(w[1]);
+      if (w[2].empty() || w[2].size() > 100) fail("bad input name");
+      World& v = s.world(w[1]);
+      if (v.inputs.count(w[2]) || v.inputs6.count(w[2])) {
+        fail("route input " + w[2] + " exists in vrf " + w[1]);
+      }
       if (v6) {
         auto in = Kel::make<Routing6::RouteInput>(Kel::Name(w[2]));
-        in->routingProtoIs(static_cast<uint8_t>(proto));
-        in->preferenceIs(static_cast<uint8_t>(pref));
+        in->routingProtoIs(proto);
+        in->preferenceIs(pref);
         in->redistributeNameIs(w[2]);
         v.inputs6[w[2]] = in;
         v.dir6->entityPtrIs(Kel::Name(w[2]), in);
       } else {
         auto in = Kel::make<Routing::RouteInput>(Kel::Name(w[2]));
-        in->routingProtoIs(static_cast<uint8_t>(proto));
-        in->preferenceIs(static_cast<uint8_t>(pref));
+        in->routingProtoIs(proto);
+        in->preferenceIs(pref);
         v.inputs[w[2]] = in;
         v.dir->entityPtrIs(Kel::Name(w[2]), in);
       }
     } else if (cmd == "proto") {
-      need(4, "proto VRF NAME N");
-      State::Vrf& v = s.vrf(w[1]);
-      const auto proto = number(w[3], "protocol");
-      if (proto > 255) fail("protocol is 0..255");
+      need(4, 4, "proto VRF NAME N");
+      if (!s.worlds.count(w[1])) fail("no route input " + w[2] + " in vrf " + w[1]);
+      World& v = s.world(w[1]);
+      const auto proto = static_cast<std::uint8_t>(number(w[3], "protocol", 0, 255));
+      auto set = [&](auto& input) {
+        if (proto == 0 && input->routingProto() != 0) {
+          fail("a route input's protocol number cannot go back to 0");
+        }
+        input->routingProtoIs(proto);
+      };
       if (auto it = v.inputs.find(w[2]); it != v.inputs.end()) {
-        it->second->routingProtoIs(static_cast<uint8_t>(proto));
+        set(it->second);
       } else if (auto it6 = v.inputs6.find(w[2]); it6 != v.inputs6.end()) {
-        it6->second->routingProtoIs(static_cast<uint8_t>(proto));
+        set(it6->second);
       } else {
         fail("no route input " + w[2] + " in vrf " + w[1]);
       }
     } else if (cmd == "route" || cmd == "blackhole" || cmd == "withdraw") {
-      need(4, "route VRF INPUT PREFIX [via HOP] [dev INTFID]...");
-      State::Vrf& v = s.vrf(w[1]);
+      if (w.size() < 4) fail("usage: route VRF INPUT PREFIX [via HOP] [dev INTFID]...");
+      if (!s.worlds.count(w[1])) fail("no route input " + w[2] + " in vrf " + w[1]);
+      World& v = s.world(w[1]);
       const bool v6 = w[3].find(':') != std::string::npos;
       // Parse the vias first: nothing is applied when the line is bad.
       std::vector<std::pair<std::string, std::string>> vias;  // {intfId, hop}
@@ -193,7 +400,7 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
           vias.back().second = w[i + 1];
         } else if (w[i] == "dev") {
           if (vias.empty() || !vias.back().first.empty()) vias.emplace_back();
-          vias.back().first = w[i + 1];
+          vias.back().first = intfIdText(w[i + 1]);
         } else {
           fail("unexpected '" + w[i] + "'");
         }
@@ -210,6 +417,9 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
           typename InputT::Route::Via via;
           via.intfId = Kanet::IntfId(intf);
           if (!hop.empty()) via.hop = parseAddr(hop);
+          if (via.intfId.empty() && via.hop == typename InputT::Addr()) {
+            fail("a via needs an interface or a next hop other than " + hop);
+          }
           parsed.push_back(via);
         }
         if (cmd == "withdraw") {
@@ -237,31 +447,56 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
             [](const std::string& t) { return Kanet::IpAddr::fromString(t); });
       }
     } else if (cmd == "unpublish") {
-      need(3, "unpublish VRF INPUT");
-      State::Vrf& v = s.vrf(w[1]);
+      need(3, 3, "unpublish VRF INPUT");
+      if (!s.worlds.count(w[1])) fail("no route input " + w[2] + " in vrf " + w[1]);
+      World& v = s.world(w[1]);
+      if (!v.inputs.count(w[2]) && !v.inputs6.count(w[2])) {
+        fail("no route input " + w[2] + " in vrf " + w[1]);
+      }
       v.inputs.erase(w[2]);
       v.inputs6.erase(w[2]);
       v.dir->entityPtrDel(Kel::Name(w[2]));
       v.dir6->entityPtrDel(Kel::Name(w[2]));
     } else if (cmd == "run") {
-      need(2, "run SECONDS");
-      char* end = nullptr;
-      const double seconds = std::strtod(w[1].c_str(), &end);
-      if (*end != '\0' || !(seconds >= 0)) fail("bad duration '" + w[1] + "'");
-      Kel::activityManager()->runUntil(Kel::activityManager()->now() + seconds);
+      need(2, 2, "run SECONDS");
+      const double until = s.now + duration(w[1]);
+      for (auto& [name, wd] : s.worlds) {
+        wd->enter();
+        wd->activity().runUntil(until);
+      }
+      s.now = until;
     } else if (cmd == "show") {
-      need(2, "show routes|interfaces");
-      if (w[1] == "routes") {
-        out_ << "== routes\n" << corvd_show_routes();
-      } else if (w[1] == "interfaces") {
-        out_ << "== interfaces\n" << corvd_show_interfaces();
-      } else {
-        fail("show what? routes or interfaces");
+      need(2, 5, "show routes|interfaces [vrf V] [json]");
+      if (w[1] != "routes" && w[1] != "interfaces") fail("show what? routes or interfaces");
+      std::string only;
+      bool json = false;
+      for (std::size_t i = 2; i < w.size(); ++i) {
+        if (w[i] == "json") {
+          json = true;
+        } else if (w[i] == "vrf" && i + 1 < w.size()) {
+          only = w[++i];
+          if (!s.worlds.count(only)) fail("no vrf " + only);
+        } else {
+          fail("unexpected '" + w[i] + "'");
+        }
+      }
+      for (auto& [name, wd] : s.worlds) {
+        if (!only.empty() && name != only) continue;
+        wd->enter();
+        if (json) {
+          out_ << "== " << w[1] << " vrf " << name << " json\n" << corvd_json() << "\n";
+        } else if (w[1] == "routes") {
+          out_ << "== routes vrf " << name << "\n" << corvd_show_routes();
+        } else {
+          out_ << "== interfaces vrf " << name << "\n" << corvd_show_interfaces();
+        }
       }
     } else {
-      fail("unknown command '" + cmd + "'");
+      fail("unknown command '" + cmd.substr(0, 40) + "'");
     }
   } catch (const Kel::Exception& e) {
+    fail(e.what());
+  } catch (const ArgError& e) {
     fail(e.what());
   }
 }

@@ -1,25 +1,42 @@
 // corvd-sim's scenarios: a small line language that plays the parts around the module — the
-// kernel entering links and addresses into the daemon, the interface status agents, the routing
-// agents publishing route inputs — and lets the activity loop run on manual time between steps.
+// kernel's devices, the interface status and address agents, the routing agents publishing route
+// inputs — and lets the activity loops run on manual time between steps. Every VRF is its own
+// world (World.h): its own daemon, activity loop and replica of the state database. State events
+// (devices, interfaces, addresses) go into every world; route inputs into their VRF's world.
 //
-//   # comment                 blank lines and comments are ignored
-//   link IFINDEX DEVICE INTFID [up|down]      daemon link plus the interface's status entity
-//   addr IFINDEX ADDR/LEN [peer ADDR]          daemon interface address (IPv4 or IPv6)
-//   unaddr IFINDEX ADDR                        removes it
-//   vrf NAME                                   starts a Root for VRF NAME (its route inputs are
-//                                              those declared with `input` for NAME)
-//   input VRF NAME proto N [pref N] [ipv6]     a route input of protocol N in VRF's directory
-//   proto VRF NAME N                           sets the input's protocol number
+//   # comment                          blank lines and comments are ignored
+//   device DEV IFINDEX [flags F] [mac M]   a kernel device (made again, as a new device, when DEV
+//                                      exists: a re-created device, e.g. under a new ifIndex)
+//   nodevice DEV                       the kernel deletes the device
+//   flags DEV F                        kernel flags: names joined by ',' (up broadcast loopback
+//                                      pointopoint running multicast) or a number; "none" is 0
+//   mac DEV M                          the device's MAC (six hex bytes, ':'-separated)
+//   intf INTFID DEV [vrf V] [mtu N]    the interface's status (oper up) on device DEV in VRF V
+//                                      ("default"); again: moves it to V / sets its MTU
+//   nointf INTFID                      the interface's status and its addresses go
+//   mtu INTFID N                       MTU 68..65535
+//   oper INTFID up|down                oper status
+//   ip INTFID A/L [A/L]...             IPv4 addresses in its VRF: the first is the primary, the
+//                                      rest secondaries (replaces what it had)
+//   noip INTFID                        removes the interface's IPv4 status
+//   ip6 INTFID A/L...                  IPv6 addresses (VRF "default" only; replaces)
+//   noip6 INTFID                       removes the interface's IPv6 status
+//   novrf V                            removes VRF V's address entries (IPv4 and IPv6)
+//   vrf NAME                           starts the module (a Root) in VRF NAME's world
+//   input VRF NAME proto N [pref N] [ipv6]     a route input of protocol N (1..255) in VRF's
+//                                      directory
+//   proto VRF NAME N                   sets the input's protocol number (1..255)
 //   route VRF INPUT PREFIX [via HOP] [dev INTFID] [via ...]...   publishes (or republishes)
-//   blackhole VRF INPUT PREFIX                 publishes a blackhole route
-//   withdraw VRF INPUT PREFIX                  removes the route from the input
-//   unpublish VRF INPUT                        removes the input from the directory
-//   run SECONDS                                runs the activity loop for that much manual time
-//   show routes|interfaces                     prints the daemon's table
+//   blackhole VRF INPUT PREFIX         publishes a blackhole route
+//   withdraw VRF INPUT PREFIX          removes the route from the input
+//   unpublish VRF INPUT                removes the input from the directory
+//   run SECONDS                        runs every world's loop for that much manual time (finite,
+//                                      decimal, not negative)
+//   show routes|interfaces [vrf V] [json]   prints the daemon's table of V, or of every VRF
 //
 // A `via` takes the next hop, a `dev` the interface; one `via` and one `dev` in a row make one
-// next hop with both. Every error names the source, the line and the reason
-// ("NAME:LINE: reason"), and nothing of the line is applied.
+// next hop with both. Every line is checked whole before anything of it is applied; an error
+// names the source, the line and the reason ("NAME:LINE: reason") and changes nothing.
 #pragma once
 
 #include <iosfwd>
@@ -27,6 +44,8 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+
+#include "fwk/Root.h"
 
 namespace CorvdSim {
 
@@ -48,6 +67,9 @@ class Scenario {
   void runText(const std::string& text, const std::string& source);
   // Runs one line (1-based `line` for errors).
   void runLine(const std::string& line, const std::string& source, int lineNo);
+
+  // The started Root of VRF `vrf`, or null (for tools that reach the module by name).
+  Kel::Ptr<InterfaceRouteInfo::Root> root(const std::string& vrf) const;
 
  private:
   struct State;

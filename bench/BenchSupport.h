@@ -1,0 +1,65 @@
+// What the full-scale benchmarks share: live heap bytes counted by the program's own operator
+// new/delete (include this header in exactly one file of a benchmark program), process CPU and
+// wall time, and a run of the activity loop on the real clock that times every pass.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+#include <thread>
+
+#include "fwk/framework/ActivityManager.h"
+
+namespace BenchSupport {
+inline std::atomic<long long> liveBytes{0};
+}  // namespace BenchSupport
+
+// Live heap bytes of the process: every allocation carries its size in a small header.
+void* operator new(std::size_t n) {
+  auto* p = static_cast<std::size_t*>(std::malloc(n + 16));
+  if (!p) throw std::bad_alloc();
+  *p = n;
+  BenchSupport::liveBytes.fetch_add(static_cast<long long>(n), std::memory_order_relaxed);
+  return reinterpret_cast<char*>(p) + 16;
+}
+void operator delete(void* q) noexcept {
+  if (!q) return;
+  auto* p = reinterpret_cast<std::size_t*>(static_cast<char*>(q) - 16);
+  BenchSupport::liveBytes.fetch_sub(static_cast<long long>(*p), std::memory_order_relaxed);
+  std::free(p);
+}
+void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
+
+namespace BenchSupport {
+
+inline double cpuSeconds() {
+  timespec ts{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+inline double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// Runs the activity loop on real time until `done` holds (or nothing is armed); returns the
+// longest single pass in seconds.
+template <class Done>
+double runUntil(Done done) {
+  Kel::ActivityManager& am = *Kel::activityManager();
+  double longest = 0;
+  while (!done()) {
+    const double next = am.nextTime();
+    if (next == Kel::endOfTime) break;
+    const double wait = next - am.currentTime();
+    if (wait > 0) std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+    const double t0 = wallSeconds();
+    am.runOnce();
+    longest = std::max(longest, wallSeconds() - t0);
+  }
+  return longest;
+}
+
+}  // namespace BenchSupport

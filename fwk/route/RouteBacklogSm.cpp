@@ -1,0 +1,99 @@
+// The route backlog drain: scheduling, time-bounded batches, withdrawal.
+#include "fwk/route/RouteBacklogSm.h"
+
+#include <cstdlib>
+
+#include "fwk/ModuleSupport.h"
+#include "fwk/framework/Time.h"
+
+namespace InterfaceRouteInfo {
+
+namespace {
+// Set (to any value) to run the backlog machinery without touching the daemon.
+constexpr const char* kTestEnvironment = "INTERFACEROUTEINFOSM_TEST";
+}  // namespace
+
+template <class Traits>
+RouteBacklogSmT<Traits>::RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr& backlog,
+                                         const UnresolvedPtr& unresolved,
+                                         const RouteInputPtr& routeInput, gw_entry* gwp,
+                                         const DevDirPtr& kernelIntfStatusDir,
+                                         const ManagerPtr& intfStatusManager)
+    : Kel::Entity(backlog ? backlog->name() : Kel::Name()) {
+  kelInputsIs(clock, backlog, unresolved, routeInput, gwp, kernelIntfStatusDir, intfStatusManager);
+  kelBacklogClock_.notifierIs(clock);
+  kelRouteBacklog_.notifierIs(backlog);
+}
+
+template <class Traits>
+void RouteBacklogSmT<Traits>::handleInitialized() {
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::handleInitialized()");
+  IRI_TRACE_BEGIN();
+  kelBacklogClock_.timeMinIs(Kel::endOfTime);
+  initializedIs(true);
+  scheduleBacklog();
+  IRI_TRACE_END();
+}
+
+template <class Traits>
+void RouteBacklogSmT<Traits>::scheduleBacklog() {
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::scheduleBacklog()");
+  IRI_TRACE(8, IRI_FUNCTION_NAME_());
+  if (backlogScheduled()) return;
+  kelBacklogClock_.timeMinIs(Kel::now() + routeBacklog()->backlogDelay());
+  backlogScheduledIs(true);
+}
+
+template <class Traits>
+void RouteBacklogSmT<Traits>::doAddBacklog(const Key& key) {
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::doAddBacklog(", Traits::keyParam, ")");
+  IRI_TRACE(8, IRI_FUNCTION_NAME_() << " key " << key);
+  routeBacklog()->backlogIs(key, true);
+  if constexpr (Traits::traceAddBacklogEnd) IRI_TRACE_END();
+}
+
+template <class Traits>
+void RouteBacklogSmT<Traits>::handleBacklog() {
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::handleBacklog()");
+  Backlog& backlog = *routeBacklog();
+  IRI_TRACE(8, IRI_FUNCTION_NAME_() << " backlog size " << backlog.backlogCount());
+  kelBacklogClock_.timeMinIs(Kel::endOfTime);
+  const double startTime = Kel::now();
+  // Always the first member: the key leaves the collection before it is processed, so the walk
+  // needs no iterator (and the collection forgets each key at once instead of at the end).
+  while (backlog.backlogCount() != 0) {
+    const Key key = backlog.backlogIterator().key();
+    backlog.backlogDel(key);
+    if (!std::getenv(kTestEnvironment)) {
+      rt_open(fwk_task);
+      if (routeInput()->route(key)) {
+        doAddRoute(key, true);
+      } else {
+        doDeleteRoute(key);
+      }
+      rt_close(fwk_task, 0, 1, 0);
+    }
+    if (Kel::now() >= startTime + backlog.backlogQuantum()) break;
+  }
+  backlogScheduledIs(false);
+  if (backlog.backlogCount() != 0) scheduleBacklog();
+  backlogCountIs(backlogCount() + 1);
+  IRI_TRACE(8, "backlog size " << backlog.backlogCount());
+}
+
+template <class Traits>
+void RouteBacklogSmT<Traits>::doPrepareToDie() {
+  IRI_SIGNATURE("void ", Traits::routeBacklogSmType, "::doPrepareToDie()");
+  if (!initialized()) return;
+  IRI_TRACE_BEGIN();
+  rt_open(fwk_task);
+  for (auto [key, route] : routeInput()->routeCollection()) doDeleteRoute(key);
+  rt_close(fwk_task, 0, 1, 0);
+  gw_free(gwp());
+  IRI_TRACE_END();
+}
+
+template class RouteBacklogSmT<Ip4RouteTraits>;
+template class RouteBacklogSmT<Ip6RouteTraits>;
+
+}  // namespace InterfaceRouteInfo

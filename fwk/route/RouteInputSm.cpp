@@ -1,0 +1,102 @@
+// The route input reactor: gateway and backlogs per protocol, one key queued per route change.
+#include "fwk/route/RouteInputSm.h"
+
+#include "fwk/ModuleSupport.h"
+#include "fwk/framework/ActivityManager.h"
+
+namespace InterfaceRouteInfo {
+
+namespace {
+// Flags given to gw_init for a protocol's gateway; their meaning is the daemon's.
+constexpr flag_t kGatewayFlags = 0x800;
+}  // namespace
+
+template <class Traits>
+RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputPtr& routeInput,
+                                     const DevDirPtr& kernelIntfStatusDir,
+                                     const ManagerPtr& intfStatusManager)
+    : Kel::Entity(Kel::Name(name)) {
+  kelInputsIs(name, routeInput, kernelIntfStatusDir, intfStatusManager);
+  kelRouteInput_.notifierIs(routeInput);
+  if (!routeInput) return;
+  for (auto [key, route] : routeInput->routeCollection()) {
+    if (route) routeIs(route);
+  }
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::KelRouteInput::onRoute(const Key& key) {
+  if (auto r = owner_->routeInput()->route(key)) {
+    owner_->routeIs(r);
+  } else {
+    owner_->routeDel(key);
+  }
+  owner_->handleRoute(key);
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::KelRouteInput::onRoutekelImmediate() {
+  const RouteInput& input = *owner_->routeInput();
+  for (auto it = owner_->routeIterator(); it; ++it) {
+    const Key key = it.key();
+    if (!input.route(key)) owner_->routeDel(key);
+  }
+  for (auto [key, route] : input.routeCollection()) {
+    if (route) owner_->routeIs(route);
+  }
+  owner_->handleRoute();
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::KelRoute::handleVia() {
+  IRI_SIGNATURE("void ", Traits::routeInputSmType, "::KelRoute::handleVia()");
+  IRI_TRACE_BEGIN();
+  owner_->handleRoute(this->notifier()->key());
+  IRI_TRACE_END();
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::handleInitialized() {
+  IRI_SIGNATURE("void ", Traits::routeInputSmType, "::handleInitialized()");
+  IRI_TRACE_BEGIN();
+  const auto proto = routeInput()->routingProto();
+  if (proto == 0) return;
+  IRI_TRACE(0, "Intitiating gateway for protocol " << Traits::gatewayName(name(), *routeInput()));
+  gwpIs(gw_init(nullptr, proto, fwk_task, 0, 0, nullptr, kGatewayFlags));
+  routeBacklogIs(Kel::Name(name()));
+  unresolvedRouteBacklogIs(Kel::Name(name()));
+  routeBacklogSmIs(Kel::activityManager()->clock(), routeBacklog(), unresolvedRouteBacklog(),
+                   routeInput(), gwp(), kernelIntfStatusDir(), intfStatusManager());
+  initializedIs(true);
+  handleRoute();
+  IRI_TRACE_END();
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::handleRoute() {
+  IRI_SIGNATURE("void ", Traits::routeInputSmType, "::handleRoute()");
+  IRI_TRACE(8, IRI_FUNCTION_NAME_());
+  if (!initialized()) {
+    if constexpr (Traits::traceUninitializedSweep) IRI_TRACE(9, "uninitialized");
+    return;
+  }
+  for (auto [key, route] : routeInput()->routeCollection()) handleRoute(key);
+}
+
+template <class Traits>
+void RouteInputSmT<Traits>::handleRoute(const Key& key) {
+  IRI_SIGNATURE("void ", Traits::routeInputSmType, "::handleRoute(", Traits::keyParam, ")");
+  IRI_TRACE(8, IRI_FUNCTION_NAME_() << "RouteKey " << key);
+  if (!initialized()) {
+    IRI_TRACE(8, IRI_FUNCTION_NAME_() << " uninitialized");
+    return;
+  }
+  IRI_TRACE(8, IRI_FUNCTION_NAME_() << " add " << key << " to backlog");
+  routeBacklogSm()->doAddBacklog(key);
+  IRI_TRACE_END();
+}
+
+template class RouteInputSmT<Ip4RouteTraits>;
+template class RouteInputSmT<Ip6RouteTraits>;
+
+}  // namespace InterfaceRouteInfo

@@ -1,0 +1,63 @@
+// One VRF's world in corvd-sim. On a router each VRF is served by its own daemon process, with
+// its own replica of the state database; corvd-sim runs them in one process, one World each:
+// its own in-memory daemon (tables, counters, fwk_task), its own activity loop and clocks, its
+// own slot for the module's theRoot, and its own state-database objects. The host publishes each
+// event into the worlds it concerns, entering each in turn; a delivery inside one world reaches
+// only that world's reactors, so a handler that calls the daemon always finds its own.
+// enter() makes the world current (daemon instance, activity manager, theRoot slot); the host
+// must enter a world before it changes any of the world's objects or runs its loop, and World's
+// destructor tears the module down inside the world before freeing the world's daemon.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "fwk/Root.h"
+#include "fwk/daemon/corvd.h"
+#include "fwk/framework/ActivityManager.h"
+#include "fwk/framework/Dir.h"
+
+namespace CorvdSim {
+
+class World {
+ public:
+  // A world for `vrf` whose manual time starts at `now`.
+  World(const std::string& vrf, double now);
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  void enter();
+  // Back to the process's own daemon, activity manager and theRoot slot.
+  static void leave();
+
+  const std::string& vrf() const { return vrf_; }
+  bool isDefault() const { return vrf_ == "default"; }
+  Kel::ActivityManager& activity() { return activity_; }
+
+  // Starts the VRF's Root (once); IPv6 status and routing only in "default".
+  void startRoot();
+  const Kel::Ptr<InterfaceRouteInfo::Root>& root() const { return root_; }
+
+  // The state-database replica.
+  Kel::Ptr<Interface::AllIntfStatusDir> all;
+  Kel::Ptr<Interface::AllIntfStatusLocalDir> local;
+  Kel::Ptr<KernelNetworkInfo::Root> kernel;  // the namespace's devices
+  Kel::Ptr<Ip::Status> ipStatus;
+  Kel::Ptr<Ip6::Status> ip6Status;
+  Kel::Ptr<Routing::Config> config;
+  Kel::Ptr<Routing6::Config> config6;
+  Kel::Ptr<Kel::Dir> dir;
+  Kel::Ptr<Kel::Dir> dir6;
+  std::map<std::string, Kel::Ptr<Routing::RouteInput>> inputs;
+  std::map<std::string, Kel::Ptr<Routing6::RouteInput>> inputs6;
+
+ private:
+  std::string vrf_;
+  corvd_instance* daemon_;
+  Kel::ActivityManager activity_;
+  Kel::Ptr<InterfaceRouteInfo::Root> theRoot_;  // the world's theRoot slot
+  Kel::Ptr<InterfaceRouteInfo::Root> root_;
+};
+
+}  // namespace CorvdSim
