@@ -125,6 +125,6 @@ void intfMirror(benchmark::State& state) {
   }
 }
 
-BENCHMARK(intfMirror)->Name("intf_mirror")->Arg(30000)->Iterations(1)->Unit(benchmark::kSecond);
+BENCHMARK(intfMirror)->Name("intf_mirror")->Arg(30000)->Arg(3000)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace

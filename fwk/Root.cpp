@@ -60,11 +60,4 @@ void Root::handleInitialized() {
   IRI_TRACE_END();
 }
 
-void Root::handleIfaChange(_task*, _if_addr*) {
-  // The daemon reports interface address changes here once start-up has hooked fwk_task.
-  // Retrying the unresolved routes and re-reading addresses on such a report is not built yet;
-  // until it is, the report is accepted and ignored, so unresolved routes wait for their next
-  // change in the state database.
-}
-
 }  // namespace InterfaceRouteInfo

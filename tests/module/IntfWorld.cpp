@@ -3,7 +3,7 @@
 #include <sstream>
 
 #include "fwk/framework/Dir.h"
-#include "tests/support/WorldTeardown.h"
+#include "tests/support/ModuleWorld.h"
 
 namespace IntfTest {
 
@@ -44,14 +44,6 @@ std::string llText(const Kanet::EthAddr& mac, int type) {
 }
 
 }  // namespace
-
-std::vector<std::string> messages(const Kel::TraceRecorder& rec, int level) {
-  std::vector<std::string> out;
-  for (const auto& r : rec.records()) {
-    if (r.level == level) out.push_back(r.message);
-  }
-  return out;
-}
 
 OverlapObserver::OverlapObserver() : task_{"observer", &OverlapObserver::onChange, this} {
   task_register(&task_);

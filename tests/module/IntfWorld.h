@@ -20,6 +20,7 @@
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Trace.h"
+#include "tests/support/ModuleWorld.h"
 
 namespace IntfTest {
 
@@ -95,8 +96,5 @@ class OverlapObserver {
   int overlaps_ = 0;
   int reports_ = 0;
 };
-
-// The messages recorded at `level`, in order.
-std::vector<std::string> messages(const Kel::TraceRecorder& rec, int level);
 
 }  // namespace IntfTest

@@ -2,7 +2,7 @@
 
 #include <sstream>
 
-#include "tests/support/WorldTeardown.h"
+#include "tests/support/ModuleWorld.h"
 
 namespace RouteTest {
 
@@ -47,13 +47,7 @@ std::map<std::string, std::string> daemonRoutes(uint16_t proto) {
   return out;
 }
 
-std::vector<std::string> events(const Kel::TraceRecorder& rec) {
-  std::vector<std::string> out;
-  for (const auto& r : rec.records()) {
-    if (r.level == 0) out.push_back(r.message);
-  }
-  return out;
-}
+std::vector<std::string> events(const Kel::TraceRecorder& rec) { return messages(rec, 0); }
 
 void RouteWorld::SetUp() {
   corvd_reset();

@@ -16,6 +16,7 @@
 #include "fwk/daemon/host_conf.h"
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Trace.h"
+#include "tests/support/ModuleWorld.h"
 
 namespace RouteTest {
 
