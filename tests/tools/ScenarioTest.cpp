@@ -133,6 +133,10 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
       {"show everything", "t.scn:1: show what? routes or interfaces"},
       {"show routes vrf green", "t.scn:1: no vrf green"},
       {"vrf default", "t.scn:1: vrf default is already started"},
+      {"daemon-netmask red et1 10.0.1.1/16", "t.scn:1: no vrf red"},
+      {"daemon-netmask default et1 10.0.1.7/16",
+       "t.scn:1: et1 holds no address 10.0.1.7 in the daemon"},
+      {"daemon-netmask default et1 10.0.1.1/33", nullptr},
   };
   for (const auto& [line, want] : cases) {
     SCOPED_TRACE(line);

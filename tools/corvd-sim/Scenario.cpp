@@ -6,6 +6,7 @@
 #include <sstream>
 #include <vector>
 
+#include "fwk/daemon/host_conf.h"
 #include "fwk/framework/Exception.h"
 #include "tools/corvd-sim/ScenarioArgs.h"
 #include "tools/corvd-sim/World.h"
@@ -457,6 +458,25 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       v.inputs6.erase(w[2]);
       v.dir->entityPtrDel(Kel::Name(w[2]));
       v.dir6->entityPtrDel(Kel::Name(w[2]));
+    } else if (cmd == "daemon-netmask") {
+      // A daemon-side test event: the module never changes a mask in place (it deletes the
+      // address and adds it again), so this is the only way a scenario shows a subnet change.
+      need(4, 4, "daemon-netmask VRF DEV A/L");
+      auto world = s.worlds.find(w[1]);
+      if (world == s.worlds.end()) fail("no vrf " + w[1]);
+      knownDevice(w[2]);
+      const auto a = Kanet::IpAddrWithMask::fromString(w[3]);
+      world->second->enter();
+      const unsigned long index = s.devices.at(w[2]);
+      if_link* link = ifl_locate_index(index);
+      if (!link) fail("the daemon of vrf " + w[1] + " has no link for " + w[2]);
+      const sockaddr_un local = *sockbuild_in(0, a.address().valueNetworkOrder());
+      bool held = false;
+      for (const if_addr* x = link->ifl_addr_set.ias_first; x; x = x->ifa_next) {
+        held = held || sockaddr_equal(x->ifa_info.ifi_addr_local, &local);
+      }
+      if (!held) fail(w[2] + " holds no address " + a.address().toString() + " in the daemon");
+      corvd_host_addr(index, &local, a.maskLen());
     } else if (cmd == "run") {
       need(2, 2, "run SECONDS");
       const double until = s.now + duration(w[1]);

@@ -30,6 +30,9 @@
 //   blackhole VRF INPUT PREFIX         publishes a blackhole route
 //   withdraw VRF INPUT PREFIX          removes the route from the input
 //   unpublish VRF INPUT                removes the input from the directory
+//   daemon-netmask VRF DEV A/L         test event inside VRF's daemon: the address A of DEV's
+//                                      link takes prefix length L in place (a subnet change the
+//                                      module itself never makes)
 //   run SECONDS                        runs every world's loop for that much manual time (finite,
 //                                      decimal, not negative)
 //   show routes|interfaces [vrf V] [json]   prints the daemon's table of V, or of every VRF
