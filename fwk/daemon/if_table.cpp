@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "fwk/daemon/flat_map.h"
 #include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/rt_table.h"
@@ -32,7 +33,7 @@ struct KeyHash {
   }
 };
 using Bucket = std::vector<if_addr*>;  // in add order
-using KeyMap = std::unordered_map<Key, Bucket, KeyHash>;
+using KeyMap = FlatMap<Key, Bucket, KeyHash>;
 
 struct FamilyIndex {
   int maxLen = 0;
@@ -92,11 +93,10 @@ Key keyOf(const sockaddr_un* a, int len) {
 
 void bucketAdd(Bucket& b, if_addr* a) { b.push_back(a); }
 void bucketDel(KeyMap& m, const Key& k, if_addr* a) {
-  auto it = m.find(k);
-  if (it == m.end()) return;
-  auto& v = it->second;
-  v.erase(std::remove(v.begin(), v.end(), a), v.end());
-  if (v.empty()) m.erase(it);
+  Bucket* v = m.find(k);
+  if (!v) return;
+  v->erase(std::remove(v->begin(), v->end(), a), v->end());
+  if (v->empty()) m.erase(k);
 }
 
 void lenAdjust(FamilyIndex& f, int len, int delta) {
@@ -232,18 +232,17 @@ if_addr* lookup(const sockaddr_un* addr, bool exactFirst) {
   FamilyIndex* f = addr ? indexOf(addr->sa_family) : nullptr;
   if (!f) return nullptr;
   if (exactFirst) {
-    auto it = f->exact.find(keyOf(addr, f->maxLen));
-    if (it != f->exact.end()) {
-      for (if_addr* a : it->second) {
+    if (const Bucket* b = f->exact.find(keyOf(addr, f->maxLen))) {
+      for (if_addr* a : *b) {
         if (a->ifa_info.ifi_state & IFS_UP) return a;
       }
     }
   }
   for (int len : f->lensPresent) {
     const KeyMap& m = f->byLen[static_cast<std::size_t>(len)];
-    auto it = m.find(keyOf(addr, len));
-    if (it == m.end()) continue;
-    for (if_addr* a : it->second) {
+    const Bucket* b = m.find(keyOf(addr, len));
+    if (!b) continue;
+    for (if_addr* a : *b) {
       if (a->ifa_info.ifi_state & IFS_UP) return a;
     }
   }

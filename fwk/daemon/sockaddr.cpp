@@ -4,9 +4,8 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
-#include <unordered_map>
 
+#include "fwk/daemon/copy_store.h"
 #include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
 
@@ -66,16 +65,14 @@ struct Pool {
 };
 Pool pool;
 
-enum class CopyState : uint8_t { floating, taken };
-// Every lasting copy, by address. unique_ptr frees it when erased. Copies belong to the
-// instance that made them; the pool of temporaries above is the process's.
+// Every lasting copy. Copies belong to the instance that made them; the pool of temporaries
+// above is the process's.
 struct Copies {
-  std::unordered_map<sockaddr_un*, std::pair<std::unique_ptr<sockaddr_un>, CopyState>> all;
+  CopyStore all;
+  friend void swap(Copies& a, Copies& b) noexcept { swap(a.all, b.all); }
 };
 Copies lasting;
-std::unordered_map<sockaddr_un*, std::pair<std::unique_ptr<sockaddr_un>, CopyState>>& copies() {
-  return lasting.all;
-}
+CopyStore& copies() { return lasting.all; }
 
 sockaddr_un* nextTemporary() {
   ++corvd_calls[CORVD_FN_sockbuild];
@@ -189,21 +186,18 @@ bool sock_check_usable(const sockaddr_un* addr, const char* fn) {
 sockaddr_un* sockdup(const sockaddr_un* addr) {
   ++corvd_calls[CORVD_FN_sockdup];
   if (!addr || !sock_check_usable(addr, "sockdup")) return nullptr;
-  auto copy = std::make_unique<sockaddr_un>(*addr);
+  sockaddr_un* copy = copies().make(*addr);
   copy->sa_plen = SA_PLEN_NONE;
-  sockaddr_un* raw = copy.get();
-  copies().emplace(raw, std::make_pair(std::move(copy), CopyState::floating));
-  return raw;
+  return copy;
 }
 
 void sockfree(sockaddr_un* addr) {
   if (!addr) return;
-  auto it = copies().find(addr);
-  if (it == copies().end() || it->second.second != CopyState::floating) {
+  if (copies().stateOf(addr) != CopyStore::State::floating) {
     corvd_misuse("sockfree", "not a floating sockdup copy");
     return;
   }
-  copies().erase(it);
+  copies().release(addr);
 }
 
 bool sock_take_over(sockaddr_un* addr, const char* fn) {
@@ -212,18 +206,17 @@ bool sock_take_over(sockaddr_un* addr, const char* fn) {
     corvd_misuse(fn, "socket address temporary stored in a request (needs sockdup)");
     return false;
   }
-  auto it = copies().find(addr);
-  if (it == copies().end() || it->second.second != CopyState::floating) {
+  if (copies().stateOf(addr) != CopyStore::State::floating) {
     corvd_misuse(fn, "socket address handed over twice or not from sockdup");
     return false;
   }
-  it->second.second = CopyState::taken;
+  copies().take(addr);
   return true;
 }
 
 void sock_release(sockaddr_un* addr) {
   if (!addr || sock_is_shared_mask(addr)) return;
-  copies().erase(addr);
+  copies().release(addr);
 }
 
 void sock_reset() {
