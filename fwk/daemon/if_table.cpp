@@ -43,8 +43,16 @@ struct FamilyIndex {
   KeyMap exact;                    // local and peer addresses
 };
 
+struct IndexHash {
+  std::size_t operator()(unsigned long k) const {
+    uint64_t h = k * 0x9E3779B97F4A7C15ull;
+    return static_cast<std::size_t>(h ^ (h >> 29));
+  }
+};
+
 struct Table {
-  std::map<unsigned long, std::unique_ptr<if_link>> links;
+  std::map<unsigned long, std::unique_ptr<if_link>> links;       // owned, in ifIndex order
+  FlatMap<unsigned long, if_link*, IndexHash> byIndex;           // the same links, for lookups
   std::unordered_map<if_addr*, std::unique_ptr<if_addr>> addrs;  // also removed ones not yet freed
   FamilyIndex v4;
   FamilyIndex v6;
@@ -64,6 +72,11 @@ struct Table {
   }
 };
 Table t;
+
+if_link* linkAt(unsigned long ifindex) {
+  if_link* const* l = t.byIndex.find(ifindex);
+  return l ? *l : nullptr;
+}
 
 FamilyIndex* indexOf(uint8_t family) {
   if (family == SA_FAMILY_INET) return &t.v4;
@@ -192,8 +205,7 @@ bool takeRequest(if_info* ifi, const char* fn) {
 }
 
 if_link* liveLink(if_link* l, const char* fn) {
-  auto it = l ? t.links.find(l->ifl_index) : t.links.end();
-  if (it == t.links.end() || it->second.get() != l) {
+  if (!l || linkAt(l->ifl_index) != l) {
     corvd_misuse(fn, "request names no link of the table");
     return nullptr;
   }
@@ -303,18 +315,17 @@ if_link* if_conf_addlink(task* tp, if_link* existing, unsigned long ifindex, fla
   if (!sock_check_usable(lladdr, "if_conf_addlink")) return nullptr;
   if (existing && !liveLink(existing, "if_conf_addlink")) return nullptr;
   if_link* l = existing;
-  if (!l) {
-    auto it = t.links.find(ifindex);
-    l = it == t.links.end() ? nullptr : it->second.get();
-  }
+  if (!l) l = linkAt(ifindex);
   if (l && l->ifl_index != ifindex) {  // re-indexed: move it to its new key
-    if (t.links.count(ifindex)) {
+    if (linkAt(ifindex)) {
       corvd_misuse("if_conf_addlink", "ifIndex " + std::to_string(ifindex) + " already in use");
       return nullptr;
     }
     auto node = t.links.extract(l->ifl_index);
     node.key() = ifindex;
     t.links.insert(std::move(node));
+    t.byIndex.erase(l->ifl_index);
+    t.byIndex[ifindex] = l;
     l->ifl_index = ifindex;
   }
   bool wasUp = false;
@@ -325,6 +336,7 @@ if_link* if_conf_addlink(task* tp, if_link* existing, unsigned long ifindex, fla
     l->ifl_index = ifindex;
     l->ifl_magic = LINK_LIVE;
     t.links.emplace(ifindex, std::move(fresh));
+    t.byIndex[ifindex] = l;
   } else {
     wasUp = l->ifl_state & IFS_UP;
   }
@@ -376,6 +388,7 @@ void if_conf_dellink(task* tp, unsigned long ifindex, const char* name) {
   l->ifl_magic = 0;
   t.removedLinks.push_back(std::move(it->second));
   t.links.erase(it);
+  t.byIndex.erase(ifindex);
 }
 
 if_addr* if_conf_addaddr(task* tp, if_info* ifi) {
@@ -484,8 +497,7 @@ void if_conf_deladdr(task* tp, if_info* ifi) {
 
 if_link* ifl_locate_index(unsigned long ifindex) {
   ++corvd_calls[CORVD_FN_ifl_locate_index];
-  auto it = t.links.find(ifindex);
-  return it == t.links.end() ? nullptr : it->second.get();
+  return linkAt(ifindex);
 }
 
 flag_t krt_if_flags(uint32_t k) {
