@@ -2,6 +2,7 @@
 // beside them (interfaces and routes mirrored per VRF), and a bad line is reported with its
 // source, line and reason and changes nothing.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -150,6 +151,34 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
   }
   EXPECT_EQ(error(std::string(5000, 'x')), "t.scn:1: line longer than 4096 bytes");
   EXPECT_EQ(error("vrf " + std::string(101, 'v')), "t.scn:1: VrfName::bytes > 100 not allowed");
+}
+
+// Scenario files are read line by line: a last line without a newline still runs, and neither a
+// directory nor an endless line is read into memory before it is refused.
+TEST_F(ScenarioTest, FilesAreReadLineByLineWithBoundedLines) {
+  const auto dir =
+      std::filesystem::temp_directory_path() / ("corvd-sim-test-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  auto write = [&](const char* name, const std::string& text) {
+    std::ofstream(dir / name, std::ios::binary) << text;
+    return (dir / name).string();
+  };
+  auto error = [](const std::string& path) {
+    std::ostringstream out;
+    CorvdSim::Scenario s(out);
+    try {
+      s.runFile(path);
+    } catch (const CorvdSim::ScenarioError& e) {
+      return std::string(e.what());
+    }
+    return "ok: " + out.str();
+  };
+  EXPECT_EQ(error(write("last.scn", "vrf default\nshow routes")), "ok: == routes vrf default\n");
+  const std::string longLine = write("long.scn", "run 1\n" + std::string(100000, '#'));
+  EXPECT_EQ(error(longLine), longLine + ":2: line longer than 4096 bytes");
+  EXPECT_EQ(error(dir.string()), "cannot read " + dir.string() + ": it is a directory");
+  EXPECT_EQ(error((dir / "absent.scn").string()), "cannot read " + (dir / "absent.scn").string());
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

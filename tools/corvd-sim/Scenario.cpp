@@ -1,5 +1,7 @@
 #include "tools/corvd-sim/Scenario.h"
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <ostream>
 #include <set>
@@ -103,6 +105,30 @@ void Scenario::runText(const std::string& text, const std::string& source) {
   std::string line;
   int lineNo = 0;
   while (std::getline(in, line)) runLine(line, source, ++lineNo);
+}
+
+void Scenario::runFile(const std::string& path) {
+  std::error_code ec;
+  if (std::filesystem::is_directory(path, ec)) {
+    throw ScenarioError("cannot read " + path + ": it is a directory");
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw ScenarioError("cannot read " + path);
+  std::string line;
+  int lineNo = 0;
+  for (;;) {
+    line.clear();
+    int c = 0;
+    while ((c = in.get()) != std::char_traits<char>::eof() && c != '\n') {
+      if (line.size() > kMaxLine) break;  // runLine refuses it; read no further
+      line.push_back(static_cast<char>(c));
+    }
+    if (in.bad())
+      throw ScenarioError("cannot read " + path + " after line " + std::to_string(lineNo));
+    if (c == std::char_traits<char>::eof() && line.empty()) return;
+    runLine(line, path, ++lineNo);
+    if (c == std::char_traits<char>::eof()) return;
+  }
 }
 
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {

@@ -68,6 +68,10 @@ class Scenario {
 
   // Runs every line of `text`; `source` names it in errors. Throws ScenarioError.
   void runText(const std::string& text, const std::string& source);
+  // Runs the scenario file `path` line by line as it is read, so an endless or huge input costs
+  // one line of memory: a line longer than the limit, a file that cannot be opened or read (a
+  // directory, say) is an error.
+  void runFile(const std::string& path);
   // Runs one line (1-based `line` for errors).
   void runLine(const std::string& line, const std::string& source, int lineNo);
 

@@ -6,10 +6,8 @@
 // scenario's `run` steps. LEVELS selects trace levels, e.g. "InterfaceRouteInfo/0" (the default),
 // "InterfaceRouteInfo/0,8-9" or "*/0-9"; "none" turns tracing off. Trace lines go to stderr, the
 // `show` output to stdout. Exit status: 0 on success, 1 on a scenario error (reported as
-// "FILE:LINE: reason"), 2 on bad arguments.
-#include <fstream>
+// "FILE:LINE: reason") or a scenario file that cannot be read, 2 on bad arguments.
 #include <iostream>
-#include <sstream>
 #include <string>
 
 #include "fwk/framework/ActivityManager.h"
@@ -45,22 +43,13 @@ int main(int argc, char** argv) {
   }
   Kel::activityManager()->manualTimeIs(0.0);
 
-  std::string text = CorvdSim::kDefaultScenario;
-  std::string source = "(bundled scenario)";
-  if (!file.empty()) {
-    std::ifstream in(file);
-    if (!in) {
-      std::cerr << "corvd-sim: cannot read " << file << "\n";
-      return 2;
-    }
-    std::ostringstream all;
-    all << in.rdbuf();
-    text = all.str();
-    source = file;
-  }
   try {
     CorvdSim::Scenario scenario(std::cout);
-    scenario.runText(text, source);
+    if (file.empty()) {
+      scenario.runText(CorvdSim::kDefaultScenario, "(bundled scenario)");
+    } else {
+      scenario.runFile(file);
+    }
   } catch (const CorvdSim::ScenarioError& e) {
     std::cerr << e.what() << "\n";
     return 1;
