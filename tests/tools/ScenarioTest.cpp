@@ -134,6 +134,38 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
       {"show everything", "t.scn:1: show what? routes or interfaces"},
       {"show routes vrf green", "t.scn:1: no vrf green"},
       {"vrf default", "t.scn:1: vrf default is already started"},
+      {"device et9", "t.scn:1: usage: device DEV IFINDEX [flags F] [mac M]"},
+      {"device et9 9 flags", "t.scn:1: 'flags' needs a value"},
+      {"device et9 9 colour red", "t.scn:1: unexpected 'colour'"},
+      {"device et9 18446744073709551615",
+       "t.scn:1: ifIndex '18446744073709551615' out of range 1..4294967295"},
+      {"flags et1 up,,running", "t.scn:1: unknown flag '' in 'up,,running'"},
+      {"flags et1 4294967296", "t.scn:1: flags '4294967296' out of range 0..4294967295"},
+      {"mac et1 00:11:22:33:44", nullptr},
+      {"intf Ethernet9 et1 mtu 0", "t.scn:1: mtu '0' out of range 68..65535"},
+      {"intf Ethernet9 et1 vrf", "t.scn:1: 'vrf' needs a value"},
+      {"mtu Ethernet1 -1", "t.scn:1: bad mtu '-1'"},
+      {"mtu Ethernet1 1e3", "t.scn:1: bad mtu '1e3'"},
+      {"ip Ethernet1 10.0.1.1", nullptr},
+      {"ip6 Ethernet1 fe80::1/64 fe80::1/64", "t.scn:1: address fe80::1/64 given twice"},
+      {"noip6 Ethernet9", "t.scn:1: unknown interface 'Ethernet9' (declare it with intf)"},
+      {"input default ospf proto 7 pref 256", "t.scn:1: preference '256' out of range 0..255"},
+      {"input default ospf proto 7 pref -1", "t.scn:1: bad preference '-1'"},
+      {"input default bgp proto 9", "t.scn:1: route input bgp exists in vrf default"},
+      {"route default bgp 10.1.0.0/16 via", "t.scn:1: 'via' needs a value"},
+      {"route default bgp 10.1.0.0/16 via 2001:db8::1", nullptr},
+      {"route default bgp 2001:db8::/32 via 2001:db8::1",
+       "t.scn:1: no IPv6 route input bgp in vrf default"},
+      {"blackhole default bgp 10.1.0.0/16 via 10.0.1.2",
+       "t.scn:1: usage: blackhole VRF INPUT PREFIX"},
+      {"withdraw default bgp 10.77.0.0/16", "t.scn:1: route input bgp holds no route 10.77.0.0/16"},
+      {"unpublish nowhere bgp", "t.scn:1: no route input bgp in vrf nowhere"},
+      {"run 1 2", "t.scn:1: usage: run SECONDS"},
+      {"run 31536001", "t.scn:1: duration '31536001' longer than a year (31536000 s)"},
+      {"run 99999999999999999999999",
+       "t.scn:1: duration '99999999999999999999999' longer than a year (31536000 s)"},
+      {"show routes json json", "t.scn:1: json given twice"},
+      {"show routes vrf", "t.scn:1: 'vrf' needs a value"},
       {"daemon-netmask red et1 10.0.1.1/16", "t.scn:1: no vrf red"},
       {"daemon-netmask default et1 10.0.1.7/16",
        "t.scn:1: et1 holds no address 10.0.1.7 in the daemon"},
@@ -149,6 +181,7 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
     }
     EXPECT_EQ(tables(), before);
   }
+  EXPECT_EQ(error("run 31536000"), "no error");  // a year exactly is the longest step
   EXPECT_EQ(error(std::string(5000, 'x')), "t.scn:1: line longer than 4096 bytes");
   EXPECT_EQ(error("vrf " + std::string(101, 'v')), "t.scn:1: VrfName::bytes > 100 not allowed");
 }

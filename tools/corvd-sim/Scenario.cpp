@@ -413,14 +413,16 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
         fail("no route input " + w[2] + " in vrf " + w[1]);
       }
     } else if (cmd == "route" || cmd == "blackhole" || cmd == "withdraw") {
-      if (w.size() < 4) fail("usage: route VRF INPUT PREFIX [via HOP] [dev INTFID]...");
+      if (w.size() < 4 || (cmd != "route" && w.size() > 4)) {
+        fail(cmd == "route" ? "usage: route VRF INPUT PREFIX [via HOP] [dev INTFID]..."
+                            : "usage: " + cmd + " VRF INPUT PREFIX");
+      }
       if (!s.worlds.count(w[1])) fail("no route input " + w[2] + " in vrf " + w[1]);
       World& v = s.world(w[1]);
       const bool v6 = w[3].find(':') != std::string::npos;
       // Parse the vias first: nothing is applied when the line is bad.
       std::vector<std::pair<std::string, std::string>> vias;  // {intfId, hop}
       for (std::size_t i = 4; i < w.size(); i += 2) {
-        if (cmd != "route") fail("unexpected '" + w[i] + "'");
         if (i + 1 >= w.size()) fail("'" + w[i] + "' needs a value");
         if (w[i] == "via") {
           if (vias.empty() || !vias.back().second.empty()) vias.emplace_back();
@@ -434,7 +436,10 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       }
       auto apply = [&](auto& inputs, auto parsePrefix, auto parseAddr) {
         auto it = inputs.find(w[2]);
-        if (it == inputs.end()) fail("no route input " + w[2] + " in vrf " + w[1]);
+        if (it == inputs.end()) {
+          fail(std::string(v6 ? "no IPv6 route input " : "no route input ") + w[2] + " in vrf " +
+               w[1]);
+        }
         auto& in = it->second;
         using InputT = typename std::decay_t<decltype(*in)>;
         using KeyT = typename InputT::Key;
@@ -450,6 +455,7 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
           parsed.push_back(via);
         }
         if (cmd == "withdraw") {
+          if (!in->route(k)) fail("route input " + w[2] + " holds no route " + w[3]);
           in->routeDel(k);
           return;
         }
@@ -518,8 +524,11 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       bool json = false;
       for (std::size_t i = 2; i < w.size(); ++i) {
         if (w[i] == "json") {
+          if (json) fail("json given twice");
           json = true;
-        } else if (w[i] == "vrf" && i + 1 < w.size()) {
+        } else if (w[i] == "vrf") {
+          if (i + 1 >= w.size()) fail("'vrf' needs a value");
+          if (!only.empty()) fail("vrf given twice");
           only = w[++i];
           if (!s.worlds.count(only)) fail("no vrf " + only);
         } else {

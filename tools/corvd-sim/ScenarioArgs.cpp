@@ -51,6 +51,11 @@ double duration(const std::string& word) {
   if (!digit || dots > 1 || ec != std::errc() || p != end || !std::isfinite(v) || v < 0) {
     throw ArgError("bad duration " + quoted(word) + " (seconds, finite, decimal, not negative)");
   }
+  // Longer steps would make the manual clock so large that later short steps no longer move it.
+  if (v > kMaxDuration) {
+    throw ArgError("duration " + quoted(word) + " longer than a year (" +
+                   std::to_string(static_cast<long>(kMaxDuration)) + " s)");
+  }
   return v;
 }
 

@@ -16,7 +16,10 @@ class ArgError : public std::runtime_error {
 // A decimal number in [min, max] ("ifIndex", 1, 4294967295).
 std::uint64_t number(const std::string& word, const char* what, std::uint64_t min,
                      std::uint64_t max);
-// A finite, non-negative decimal duration in seconds ("1", "0.5"; not "-0", "1e3", "inf", hex).
+// The longest `run` step: a year of manual time.
+constexpr double kMaxDuration = 365.0 * 24 * 3600;
+// A finite, non-negative decimal duration in seconds, at most kMaxDuration ("1", "0.5"; not
+// "-0", "1e3", "inf", hex).
 double duration(const std::string& word);
 // Kernel device flags: names joined by ',' (up broadcast loopback pointopoint running
 // multicast), "none", or a decimal number.
