@@ -253,10 +253,9 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   }
   if (!gatewaysOk(rtp->rtp_n_gw, rtp->rtp_routers, ifaps, "rt_add")) return nullptr;
   rt_head* h = findHead(rtp->rtp_dest, plen);
-  if (duplicate(h, nullptr, rtp->rtp_gwp, rtp->rtp_n_gw, rtp->rtp_routers)) {
-    corvd_misuse("rt_add", "prefix already has an entry of this gateway and gateway set");
-    return nullptr;
-  }
+  // Refused by result, not a misuse: a caller may well re-add what it already holds (the
+  // module re-adds a blackhole each time its route is drained).
+  if (duplicate(h, nullptr, rtp->rtp_gwp, rtp->rtp_n_gw, rtp->rtp_routers)) return nullptr;
   if (corvd_take_rt_add_failure()) return nullptr;
   rt_entry* was = h ? h->rth_routes : nullptr;
   if (!h) h = makeHead(rtp->rtp_dest, plen);
@@ -293,8 +292,7 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp) {
     return nullptr;
   }
   if (duplicate(rt->rt_head, rt, rt->rt_gwp, rtcp->rtcp_n_gw, rtcp->rtcp_gateway)) {
-    corvd_misuse("rt_change_s", "prefix already has an entry of this gateway and gateway set");
-    return nullptr;
+    return nullptr;  // refused by result, as in rt_add
   }
   if (corvd_take_rt_change_failure()) return nullptr;
   // Copy the new gateways before the old adjacency (which they may point into) is released.

@@ -10,8 +10,12 @@
 // preference negated (0 becomes -1) and RTS_SETASIDE; when all its addresses are up again the
 // daemon restores it (unless its owner already did, with rt_change_s).
 // Uniqueness: a prefix holds at most one entry per gateway (gw_entry) and gateway set (the same
-// gateway addresses in the same order); rt_add / rt_change_s that would break it are refused
-// and counted as a misuse.
+// gateway addresses in the same order). rt_add / rt_change_s that would break it are refused by
+// their result (null, nothing changed) and are not a misuse: holding the entry already is a state
+// of the table, not a breach of the calling contract.
+// Misuse: only a breach of the calling contract is counted (a change outside the bracket, null
+// parameters, a recycled temporary, a destination and mask that form no prefix, a gateway that
+// is not live, a bad gateway list, an entry that is gone); the call then does nothing.
 // Brackets: rt_add, rt_change_s and rt_delete only between rt_open and rt_close; lookups may be
 // made anywhere. Outside the bracket the change is refused and counted as a misuse.
 // Ownership: the daemon copies what it keeps of rt_parms / rt_change_parms (addresses may be
@@ -117,10 +121,13 @@ void rt_close(task* tp, int flags, int count, int more);
 
 // New entry for rtp_dest/rtp_dest_mask owned by rtp_gwp with rtp_n_gw gateways
 // (rtp_routers[j] served by ifaps[j]); null when refused or failing. The host bits of the
-// destination are cleared.
+// destination are cleared. When the prefix already holds an entry of rtp_gwp with the same
+// gateway addresses in the same order (a blackhole added again, say), the result is null, the
+// existing entry is left as it is, and no misuse is counted.
 rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps);
 // Changes preference and gateways in place: the same pointer, or null when refused or failing
-// (then nothing changed). The new preference replaces a set-aside one (RTS_SETASIDE is
+// (then nothing changed); a gateway set that another entry of the same gateway under the prefix
+// has already is refused this way, without a misuse. The new preference replaces a set-aside one (RTS_SETASIDE is
 // cleared); it is set aside again at once if one of the new addresses is down.
 rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
 // Removes the entry (and its prefix when it was the last one).
