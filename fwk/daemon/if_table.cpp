@@ -31,7 +31,7 @@ struct KeyHash {
     return static_cast<std::size_t>(h ^ (h >> 32));
   }
 };
-using Bucket = std::vector<if_addr*>;  // in add order
+using Bucket = std::vector<if_addr*>;  // in add order (ifa_seq), also after a re-index
 using KeyMap = std::unordered_map<Key, Bucket, KeyHash>;
 
 struct FamilyIndex {
@@ -90,7 +90,13 @@ Key keyOf(const sockaddr_un* a, int len) {
   return k;
 }
 
-void bucketAdd(Bucket& b, if_addr* a) { b.push_back(a); }
+// Enters `a` at its place by ifa_seq: an address re-indexed by a refresh (a new netmask or
+// peer, or the old ones back) keeps its original order among the addresses it ties with.
+void bucketAdd(Bucket& b, if_addr* a) {
+  auto at = std::upper_bound(b.begin(), b.end(), a->ifa_seq,
+                             [](uint64_t seq, const if_addr* x) { return seq < x->ifa_seq; });
+  b.insert(at, a);
+}
 void bucketDel(KeyMap& m, const Key& k, if_addr* a) {
   auto it = m.find(k);
   if (it == m.end()) return;
