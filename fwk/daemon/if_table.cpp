@@ -42,9 +42,20 @@ struct FamilyIndex {
   KeyMap exact;                    // local and peer addresses
 };
 
+// Frees an address record with its route-reference list (whose entries forget the address), so
+// that no path that frees addresses (a reset, a parked instance destroyed, the tables destroyed
+// at exit) leaves a list behind.
+struct AddrFree {
+  void operator()(if_addr* a) const {
+    rt_ifa_forget(a);
+    delete a;
+  }
+};
+using AddrPtr = std::unique_ptr<if_addr, AddrFree>;
+
 struct Table {
   std::map<unsigned long, std::unique_ptr<if_link>> links;
-  std::unordered_map<if_addr*, std::unique_ptr<if_addr>> addrs;  // also removed ones not yet freed
+  std::unordered_map<if_addr*, AddrPtr> addrs;  // also removed ones not yet freed
   FamilyIndex v4;
   FamilyIndex v6;
   bool open = false;
@@ -446,7 +457,7 @@ if_addr* if_conf_addaddr(task* tp, if_info* ifi) {
     }
     return a;
   }
-  auto owned = std::make_unique<if_addr>();
+  AddrPtr owned(new if_addr);
   std::memset(owned.get(), 0, sizeof(if_addr));
   a = owned.get();
   t.addrs.emplace(a, std::move(owned));

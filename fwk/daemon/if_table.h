@@ -167,5 +167,7 @@ std::size_t if_link_count();
 std::size_t if_addr_count();
 // Visits every link in ifIndex order.
 void if_link_walk(void (*fn)(if_link*, void*), void* arg);
-// Frees every link and address without reports. For corvd_reset only.
+// Frees every link and address without reports. For corvd_reset only, which deletes the routes
+// first; entries still using an address forget it (rt_ifa_forget), and no address's
+// route-reference list outlives it.
 void if_table_reset();

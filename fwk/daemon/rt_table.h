@@ -20,8 +20,10 @@
 // made anywhere. Outside the bracket the change is refused and counted as a misuse.
 // Ownership: the daemon copies what it keeps of rt_parms / rt_change_parms (addresses may be
 // temporaries). rt_entry, rt_head and gw_entry records are the daemon's; read only for callers.
-// A deleted entry is kept poisoned for a while so that a later rt_change_s / rt_delete on it is
-// reported as a misuse instead of touching freed memory; do not rely on that beyond a check.
+// A deleted entry's address is never given to another entry (record_arena.h: not before several
+// hundred million entries were added), so a later rt_change_s / rt_delete / ptree call on it is
+// reported as a misuse and can never hit an unrelated live entry; its memory comes back once the
+// other entries of its page are gone too. Do not read a deleted entry: its page may be returned.
 #pragma once
 
 #include <cstddef>
@@ -152,12 +154,20 @@ std::size_t rt_head_count();
 std::size_t rt_entry_count();
 // Visits every prefix: IPv4 before IPv6, by address then prefix length.
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg);
-// True while `rt` is an entry of the table.
+// True while `rt` is an entry of the table (any pointer may be asked, a stale one included).
 bool rt_entry_alive(const rt_entry* rt);
+// Pages of memory held for entry records (of every instance): for leak tests.
+std::size_t rt_record_pages();
+// Route-reference lists alive in the process (one per interface address that entries use).
+std::size_t rt_ref_list_count();
 
 // Interface-table hooks (called by the interface table only).
 void rt_ifa_down(if_addr* ifap);     // set aside the entries using ifap
 void rt_ifa_restore(if_addr* ifap);  // restore entries whose addresses are all up again
 void rt_ifa_gone(if_addr* ifap);     // delete the entries still using ifap
+// The record of ifap is about to be freed without rt_ifa_gone (if_table_reset with entries
+// left, a table destroyed at exit): the entries using it forget it (their adj_ifaps become
+// null) and its route-reference list is freed.
+void rt_ifa_forget(if_addr* ifap);
 // Frees everything without checks. For corvd_reset only.
 void rt_table_reset();
