@@ -22,7 +22,7 @@ RecordArena& gwRecords() {
 }
 
 struct Gateways {
-  std::unordered_set<gw_entry*> live;              // the instance's live gateways
+  std::unordered_set<gw_entry*> live;             // the instance's live gateways
   std::unordered_map<gw_entry*, gw_list*> lists;  // the list each gateway was pushed on
 };
 Gateways g;
