@@ -13,12 +13,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-# The targets CI runs. Left out until the faults it finds in fwk/daemon/sockaddr.cpp are fixed
-# (their reproducers are fuzz/corpus/sockaddr/fault_*):
-#   sockaddr - sockaddr_equal and sockaddr_format read past sll_addr when sll_alen > SA_LL_MAXLEN
-#              (sockmask writes past it); the helpers count no misuse for a recycled temporary;
-#              sockaddr_format writes one byte into a buffer of size 0 for an IP address.
-ci_targets=(ip4_text ip6_text eth_text names ip_addr_set_text trace_config)
+# The targets CI runs.
+ci_targets=(ip4_text ip6_text eth_text names ip_addr_set_text trace_config sockaddr)
 
 seconds="${1:-20}"
 [ $# -gt 0 ] && shift

@@ -1,22 +1,42 @@
 #include "fwk/daemon/gw.h"
 
 #include <cstring>
-#include <deque>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "fwk/daemon/instance_state.h"
 #include "fwk/daemon/misuse.h"
+#include "fwk/daemon/record_arena.h"
 #include "fwk/daemon/rt_internal.h"
 
 using namespace corvd_rt;
 
 namespace {
 
+// Gateway records: a freed gateway's record is given back at once (gw_free deletes its entries
+// first, so none refers to it) and its address is never handed out again (record_arena.h), so a
+// stale pointer is still caught. Shared by all instances.
+RecordArena& gwRecords() {
+  static RecordArena* arena = new RecordArena(sizeof(gw_entry), std::size_t{256} << 20);
+  return *arena;
+}
+
 struct Gateways {
-  std::deque<gw_entry> records;                   // never reused: a retired gateway stays poisoned
+  std::unordered_set<gw_entry*> live;             // the instance's live gateways
   std::unordered_map<gw_entry*, gw_list*> lists;  // the list each gateway was pushed on
 };
 Gateways g;
+
+// Retires a gateway whose entries are gone and gives its record back.
+void retire(gw_entry* gw) {
+  sock_release(gw->gw_addr);
+  gw->gw_addr = nullptr;
+  ptreeFree(gw);
+  gw->gw_next = nullptr;
+  gw->gw_magic = GW_DEAD;
+  g.live.erase(gw);
+  gwRecords().give(gw);  // last: its page may be returned
+}
 
 }  // namespace
 
@@ -24,7 +44,9 @@ const corvd_state_ops corvd_state_gw = corvd_state_ops_of<Gateways, g>();
 
 namespace corvd_rt {
 
-bool gwAlive(const gw_entry* gwp) { return gwp && gwp->gw_magic == GW_LIVE; }
+bool gwAlive(const gw_entry* gwp) {
+  return gwp && gwRecords().state(gwp) == RecordArena::State::held && gwp->gw_magic == GW_LIVE;
+}
 
 void gwQueueAppend(rt_entry* rt) {
   gw_entry* gw = rt->rt_gwp;
@@ -44,11 +66,10 @@ void gwQueueRemove(rt_entry* rt) {
 }
 
 void gwReset() {
-  for (gw_entry& gw : g.records) {
-    if (gwAlive(&gw)) {
-      while (gw.gw_rt_first) removeEntry(gw.gw_rt_first);
-      sock_release(gw.gw_addr);
-    }
+  while (!g.live.empty()) {
+    gw_entry* gw = *g.live.begin();
+    while (gw->gw_rt_first) removeEntry(gw->gw_rt_first);
+    retire(gw);
   }
   g = Gateways();
 }
@@ -56,11 +77,14 @@ void gwReset() {
 }  // namespace corvd_rt
 
 gw_entry* gw_alloc() {
-  gw_entry* gw = &g.records.emplace_back();
-  std::memset(gw, 0, sizeof *gw);
+  auto* gw = static_cast<gw_entry*>(gwRecords().take());
   gw->gw_magic = GW_LIVE;
+  g.live.insert(gw);
   return gw;
 }
+
+std::size_t gw_count() { return g.live.size(); }
+std::size_t gw_record_pages() { return gwRecords().pagesHeld(); }
 
 gw_entry* gw_init(gw_list* list, uint16_t proto, task* tp, uint32_t peer_as, uint32_t local_as,
                   sockaddr_un* addr, flag_t flags) {
@@ -87,7 +111,10 @@ gw_entry* gw_init(gw_list* list, uint16_t proto, task* tp, uint32_t peer_as, uin
 void gw_free(gw_entry* gwp) {
   ++corvd_calls[CORVD_FN_gw_free];
   if (!gwAlive(gwp)) {
-    corvd_misuse("gw_free", gwp ? "gateway freed twice" : "null gateway");
+    corvd_misuse("gw_free", !gwp ? "null gateway"
+                            : gwRecords().state(gwp) == RecordArena::State::foreign
+                                ? "not a gateway of the daemon"
+                                : "gateway freed twice");
     return;
   }
   while (gwp->gw_rt_first) removeEntry(gwp->gw_rt_first);
@@ -98,9 +125,5 @@ void gw_free(gw_entry* gwp) {
     if (*p) *p = gwp->gw_next;
     g.lists.erase(it);
   }
-  sock_release(gwp->gw_addr);
-  gwp->gw_addr = nullptr;
-  ptreeFree(gwp);
-  gwp->gw_next = nullptr;
-  gwp->gw_magic = GW_DEAD;
+  retire(gwp);
 }

@@ -1,10 +1,13 @@
 // Gateway records of the in-memory corvd: one gw_entry per protocol (and peer) that owns routes,
 // with the queue of its routing-table entries in add order and its IPv6 prefix tree.
 //
-// Lifetime: gw_init / gw_alloc hand out records that the daemon owns and never reuses; gw_free
-// deletes the gateway's remaining entries (also outside an rt_open/rt_close bracket), unlinks it
-// from the gw_list it was pushed on and retires it. A retired record stays readable but poisoned:
-// freeing it again, or adding a route through it, is a misuse. corvd_reset frees them all.
+// Lifetime: gw_init / gw_alloc hand out records that the daemon owns; gw_free deletes the
+// gateway's remaining entries (also outside an rt_open/rt_close bracket), unlinks it from the
+// gw_list it was pushed on and retires it. As no entry refers to it any more, its record is
+// reclaimed at once, but its address is never given to another gateway (record_arena.h: not
+// before millions of gateways were made), so freeing it again, or adding a route through it, is
+// still caught as a misuse. Do not read a freed gateway: its memory may be returned.
+// corvd_reset frees them all.
 // Read only for callers: the route queue and the tree are kept by the routing table, and gw_proto
 // must not change while the gateway owns entries (the table's index keeps a copy of it); a
 // gateway from gw_alloc is filled in before its first route.
@@ -45,3 +48,7 @@ gw_entry* gw_alloc();
 // Deletes the gateway's remaining entries, unlinks it and retires it; freeing it twice (or a
 // null gateway) is a misuse.
 void gw_free(gw_entry* gwp);
+// Live gateways of the current instance, and pages of memory held for gateway records (of every
+// instance): for leak tests.
+std::size_t gw_count();
+std::size_t gw_record_pages();

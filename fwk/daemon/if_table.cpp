@@ -32,7 +32,7 @@ struct KeyHash {
     return static_cast<std::size_t>(h ^ (h >> 32));
   }
 };
-using Bucket = std::vector<if_addr*>;  // in add order
+using Bucket = std::vector<if_addr*>;  // in add order (ifa_seq), also after a re-index
 using KeyMap = FlatMap<Key, Bucket, KeyHash>;
 
 struct FamilyIndex {
@@ -50,10 +50,21 @@ struct IndexHash {
   }
 };
 
+// Frees an address record with its route-reference list (whose entries forget the address), so
+// that no path that frees addresses (a reset, a parked instance destroyed, the tables destroyed
+// at exit) leaves a list behind.
+struct AddrFree {
+  void operator()(if_addr* a) const {
+    rt_ifa_forget(a);
+    delete a;
+  }
+};
+using AddrPtr = std::unique_ptr<if_addr, AddrFree>;
+
 struct Table {
-  std::map<unsigned long, std::unique_ptr<if_link>> links;       // owned, in ifIndex order
-  FlatMap<unsigned long, if_link*, IndexHash> byIndex;           // the same links, for lookups
-  std::unordered_map<if_addr*, std::unique_ptr<if_addr>> addrs;  // also removed ones not yet freed
+  std::map<unsigned long, std::unique_ptr<if_link>> links;  // owned, in ifIndex order
+  FlatMap<unsigned long, if_link*, IndexHash> byIndex;      // the same links, for lookups
+  std::unordered_map<if_addr*, AddrPtr> addrs;              // also removed ones not yet freed
   FamilyIndex v4;
   FamilyIndex v6;
   bool open = false;
@@ -104,7 +115,13 @@ Key keyOf(const sockaddr_un* a, int len) {
   return k;
 }
 
-void bucketAdd(Bucket& b, if_addr* a) { b.push_back(a); }
+// Enters `a` at its place by ifa_seq: an address re-indexed by a refresh (a new netmask or
+// peer, or the old ones back) keeps its original order among the addresses it ties with.
+void bucketAdd(Bucket& b, if_addr* a) {
+  auto at = std::upper_bound(b.begin(), b.end(), a->ifa_seq,
+                             [](uint64_t seq, const if_addr* x) { return seq < x->ifa_seq; });
+  b.insert(at, a);
+}
 void bucketDel(KeyMap& m, const Key& k, if_addr* a) {
   Bucket* v = m.find(k);
   if (!v) return;
@@ -452,7 +469,7 @@ if_addr* if_conf_addaddr(task* tp, if_info* ifi) {
     }
     return a;
   }
-  auto owned = std::make_unique<if_addr>();
+  AddrPtr owned(new if_addr);
   std::memset(owned.get(), 0, sizeof(if_addr));
   a = owned.get();
   t.addrs.emplace(a, std::move(owned));

@@ -17,7 +17,9 @@
 //    loopback's ::1, entered with length 0, does not capture every IPv6 destination).
 //  - if_withdst serves only up addresses. Point-to-point addresses match their peer (as a host
 //    route) and their own subnet; among several matches the longest prefix wins, then the
-//    address added first.
+//    address added first. A refresh never changes an address's place in that order (its
+//    ifa_seq is kept, also when it is re-indexed under a new netmask or peer); only removing
+//    it and adding it again makes it the newest.
 //  - if_withdstaddr prefers an up address whose local or peer address equals the given address,
 //    then behaves as if_withdst.
 //  - The ifi_netmask kept is always the shared mask (see sockaddr.h); ifi_addr_remote of an
@@ -165,5 +167,7 @@ std::size_t if_link_count();
 std::size_t if_addr_count();
 // Visits every link in ifIndex order.
 void if_link_walk(void (*fn)(if_link*, void*), void* arg);
-// Frees every link and address without reports. For corvd_reset only.
+// Frees every link and address without reports. For corvd_reset only, which deletes the routes
+// first; entries still using an address forget it (rt_ifa_forget), and no address's
+// route-reference list outlives it.
 void if_table_reset();

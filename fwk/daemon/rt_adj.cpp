@@ -22,10 +22,21 @@ using namespace corvd_rt;
 
 namespace {
 
+std::size_t liveLists = 0;  // of the process, for rt_ref_list_count
+
+void freeList(if_addr* a) {
+  delete a->ifa_routes;
+  a->ifa_routes = nullptr;
+  --liveLists;
+}
+
 void refAdd(rt_entry* rt, int j) {
   if_addr* a = rt->rt_adj.adj_ifaps[j];
   if (!a) return;
-  if (!a->ifa_routes) a->ifa_routes = new rt_ref_list;  // freed with its last reference
+  if (!a->ifa_routes) {
+    a->ifa_routes = new rt_ref_list;  // freed with its last reference, or with the address
+    ++liveLists;
+  }
   rt->rt_adj.adj_pos[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
   a->ifa_routes->refs.emplace_back(rt, static_cast<uint32_t>(j));
 }
@@ -38,10 +49,7 @@ void refDel(rt_entry* rt, int j) {
   refs[pos] = refs.back();
   refs[pos].first->rt_adj.adj_pos[refs[pos].second] = pos;
   refs.pop_back();
-  if (refs.empty()) {
-    delete a->ifa_routes;
-    a->ifa_routes = nullptr;
-  }
+  if (refs.empty()) freeList(a);
 }
 
 // Bytes of a separately stored adjacency of n gateways.
@@ -171,3 +179,12 @@ void rt_ifa_restore(if_addr* ifap) {
 void rt_ifa_gone(if_addr* ifap) {
   while (ifap->ifa_routes) removeEntry(ifap->ifa_routes->refs.back().first);
 }
+
+void rt_ifa_forget(if_addr* ifap) {
+  if (!ifap->ifa_routes) return;
+  // Entry records are never unmapped (record_arena.h), so this is safe at exit as well.
+  for (auto& [rt, j] : ifap->ifa_routes->refs) rt->rt_adj.adj_ifaps[j] = nullptr;
+  freeList(ifap);
+}
+
+std::size_t rt_ref_list_count() { return liveLists; }

@@ -3,8 +3,9 @@
 // interface addresses it uses; gw.cpp the gateway records and their route queues; ptree.cpp the
 // gateways' IPv6 prefix trees.
 //
-// Each file keeps its own state; they meet only through these functions. Entries and gateways are
-// told apart from stale pointers by their magic tags. removeEntry is the one way an entry leaves
+// Each file keeps its own state; they meet only through these functions. Entries and gateways
+// live in record arenas (record_arena.h) that never give a gone record's address to another, so
+// a stale pointer is told apart by the arena (page returned) or by its magic tag (page held). removeEntry is the one way an entry leaves
 // the table (rt_delete, gw_free, an interface address that is gone, corvd_reset).
 #pragma once
 

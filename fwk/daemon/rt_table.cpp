@@ -12,6 +12,7 @@
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/prefix_index.h"
 #include "fwk/daemon/prefix_key.h"
+#include "fwk/daemon/record_arena.h"
 #include "fwk/daemon/rt_internal.h"
 
 using namespace corvd_rt;
@@ -20,7 +21,12 @@ rt_rib rib = {0};
 
 namespace {
 
-constexpr std::size_t QUARANTINE = 4096;  // deleted entries kept poisoned before reuse
+// Entry records: a deleted entry's address is never handed out again (record_arena.h), so a stale
+// pointer is caught however many entries came and went since. Shared by all instances.
+RecordArena& entryRecords() {
+  static RecordArena* arena = new RecordArena(sizeof(rt_entry), std::size_t{16} << 30);
+  return *arena;
+}
 
 // The prefixes are found through one index per family. A slot holds the prefix's first entry in
 // selection order, and its key's tag that entry's protocol (gw_proto is fixed while a gateway owns
@@ -29,8 +35,6 @@ constexpr std::size_t QUARANTINE = 4096;  // deleted entries kept poisoned befor
 struct Table {
   PrefixIndex<Key4, rt_entry> v4;
   PrefixIndex<Key6, rt_entry> v6;
-  std::deque<rt_entry> entries;  // stable storage; reused through `freeEntries`
-  std::deque<rt_entry*> freeEntries;
   std::deque<rt_head> heads;
   std::vector<rt_head*> freeHeads;
   std::size_t liveEntries = 0;
@@ -151,14 +155,7 @@ bool inBracket(const char* fn) {
   return false;
 }
 
-rt_entry* newEntry() {
-  if (t.freeEntries.size() > QUARANTINE) {
-    rt_entry* rt = t.freeEntries.front();
-    t.freeEntries.pop_front();
-    return rt;
-  }
-  return &t.entries.emplace_back();
-}
+rt_entry* newEntry() { return static_cast<rt_entry*>(entryRecords().take()); }
 
 }  // namespace
 
@@ -174,8 +171,14 @@ int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask) {
 }
 
 bool entryAlive(const rt_entry* rt, const char* fn) {
-  if (rt && rt->rt_magic == ENTRY_LIVE) return true;
-  corvd_misuse(fn, rt ? "entry already deleted" : "null entry");
+  if (rt_entry_alive(rt)) return true;
+  if (!rt) {
+    corvd_misuse(fn, "null entry");
+  } else if (entryRecords().state(rt) == RecordArena::State::foreign) {
+    corvd_misuse(fn, "not an entry of the table");
+  } else {
+    corvd_misuse(fn, "entry already deleted");
+  }
   return false;
 }
 
@@ -201,7 +204,7 @@ void removeEntry(rt_entry* rt) {
   rt->rt_head = nullptr;
   rt->rt_gwp = nullptr;
   --t.liveEntries;
-  t.freeEntries.push_back(rt);
+  entryRecords().give(rt);  // last: its page may be returned
 }
 
 }  // namespace corvd_rt
@@ -253,10 +256,9 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   }
   if (!gatewaysOk(rtp->rtp_n_gw, rtp->rtp_routers, ifaps, "rt_add")) return nullptr;
   rt_head* h = findHead(rtp->rtp_dest, plen);
-  if (duplicate(h, nullptr, rtp->rtp_gwp, rtp->rtp_n_gw, rtp->rtp_routers)) {
-    corvd_misuse("rt_add", "prefix already has an entry of this gateway and gateway set");
-    return nullptr;
-  }
+  // Refused by result, not a misuse: a caller may well re-add what it already holds (the
+  // module re-adds a blackhole each time its route is drained).
+  if (duplicate(h, nullptr, rtp->rtp_gwp, rtp->rtp_n_gw, rtp->rtp_routers)) return nullptr;
   if (corvd_take_rt_add_failure()) return nullptr;
   rt_entry* was = h ? h->rth_routes : nullptr;
   if (!h) h = makeHead(rtp->rtp_dest, plen);
@@ -293,8 +295,7 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp) {
     return nullptr;
   }
   if (duplicate(rt->rt_head, rt, rt->rt_gwp, rtcp->rtcp_n_gw, rtcp->rtcp_gateway)) {
-    corvd_misuse("rt_change_s", "prefix already has an entry of this gateway and gateway set");
-    return nullptr;
+    return nullptr;  // refused by result, as in rt_add
   }
   if (corvd_take_rt_change_failure()) return nullptr;
   // Copy the new gateways before the old adjacency (which they may point into) is released.
@@ -384,7 +385,11 @@ int krt_addrcheck(const rt_parms* rtp) {
 std::size_t rt_head_count() { return t.v4.size() + t.v6.size(); }
 std::size_t rt_entry_count() { return t.liveEntries; }
 
-bool rt_entry_alive(const rt_entry* rt) { return rt && rt->rt_magic == ENTRY_LIVE; }
+bool rt_entry_alive(const rt_entry* rt) {
+  return rt && entryRecords().state(rt) == RecordArena::State::held && rt->rt_magic == ENTRY_LIVE;
+}
+
+std::size_t rt_record_pages() { return entryRecords().pagesHeld(); }
 
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg) {
   std::vector<rt_head*> all;

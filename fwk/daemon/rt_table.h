@@ -10,14 +10,20 @@
 // preference negated (0 becomes -1) and RTS_SETASIDE; when all its addresses are up again the
 // daemon restores it (unless its owner already did, with rt_change_s).
 // Uniqueness: a prefix holds at most one entry per gateway (gw_entry) and gateway set (the same
-// gateway addresses in the same order); rt_add / rt_change_s that would break it are refused
-// and counted as a misuse.
+// gateway addresses in the same order). rt_add / rt_change_s that would break it are refused by
+// their result (null, nothing changed) and are not a misuse: holding the entry already is a state
+// of the table, not a breach of the calling contract.
+// Misuse: only a breach of the calling contract is counted (a change outside the bracket, null
+// parameters, a recycled temporary, a destination and mask that form no prefix, a gateway that
+// is not live, a bad gateway list, an entry that is gone); the call then does nothing.
 // Brackets: rt_add, rt_change_s and rt_delete only between rt_open and rt_close; lookups may be
 // made anywhere. Outside the bracket the change is refused and counted as a misuse.
 // Ownership: the daemon copies what it keeps of rt_parms / rt_change_parms (addresses may be
 // temporaries). rt_entry, rt_head and gw_entry records are the daemon's; read only for callers.
-// A deleted entry is kept poisoned for a while so that a later rt_change_s / rt_delete on it is
-// reported as a misuse instead of touching freed memory; do not rely on that beyond a check.
+// A deleted entry's address is never given to another entry (record_arena.h: not before several
+// hundred million entries were added), so a later rt_change_s / rt_delete / ptree call on it is
+// reported as a misuse and can never hit an unrelated live entry; its memory comes back once the
+// other entries of its page are gone too. Do not read a deleted entry: its page may be returned.
 #pragma once
 
 #include <cstddef>
@@ -117,10 +123,13 @@ void rt_close(task* tp, int flags, int count, int more);
 
 // New entry for rtp_dest/rtp_dest_mask owned by rtp_gwp with rtp_n_gw gateways
 // (rtp_routers[j] served by ifaps[j]); null when refused or failing. The host bits of the
-// destination are cleared.
+// destination are cleared. When the prefix already holds an entry of rtp_gwp with the same
+// gateway addresses in the same order (a blackhole added again, say), the result is null, the
+// existing entry is left as it is, and no misuse is counted.
 rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps);
 // Changes preference and gateways in place: the same pointer, or null when refused or failing
-// (then nothing changed). The new preference replaces a set-aside one (RTS_SETASIDE is
+// (then nothing changed); a gateway set that another entry of the same gateway under the prefix
+// has already is refused this way, without a misuse. The new preference replaces a set-aside one (RTS_SETASIDE is
 // cleared); it is set aside again at once if one of the new addresses is down.
 rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
 // Removes the entry (and its prefix when it was the last one).
@@ -145,12 +154,20 @@ std::size_t rt_head_count();
 std::size_t rt_entry_count();
 // Visits every prefix: IPv4 before IPv6, by address then prefix length.
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg);
-// True while `rt` is an entry of the table.
+// True while `rt` is an entry of the table (any pointer may be asked, a stale one included).
 bool rt_entry_alive(const rt_entry* rt);
+// Pages of memory held for entry records (of every instance): for leak tests.
+std::size_t rt_record_pages();
+// Route-reference lists alive in the process (one per interface address that entries use).
+std::size_t rt_ref_list_count();
 
 // Interface-table hooks (called by the interface table only).
 void rt_ifa_down(if_addr* ifap);     // set aside the entries using ifap
 void rt_ifa_restore(if_addr* ifap);  // restore entries whose addresses are all up again
 void rt_ifa_gone(if_addr* ifap);     // delete the entries still using ifap
+// The record of ifap is about to be freed without rt_ifa_gone (if_table_reset with entries
+// left, a table destroyed at exit): the entries using it forget it (their adj_ifaps become
+// null) and its route-reference list is freed.
+void rt_ifa_forget(if_addr* ifap);
 // Frees everything without checks. For corvd_reset only.
 void rt_table_reset();

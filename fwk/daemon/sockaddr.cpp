@@ -106,6 +106,8 @@ int lenOfBytes(const uint8_t* b, int n) {
   return len;
 }
 
+const uint8_t* bytesOf(const sockaddr_un* addr, int* len);
+
 }  // namespace
 
 const corvd_state_ops corvd_state_sock = corvd_state_ops_of<Copies, lasting>();
@@ -236,8 +238,8 @@ void sockmask(sockaddr_un* addr, const sockaddr_un* mask) {
   }
   int n = 0;
   int m = 0;
-  uint8_t* a = const_cast<uint8_t*>(sockaddr_bytes(addr, &n));
-  const uint8_t* k = sockaddr_bytes(mask, &m);
+  uint8_t* a = const_cast<uint8_t*>(bytesOf(addr, &n));
+  const uint8_t* k = bytesOf(mask, &m);
   if (!a || !k || addr->sa_family != mask->sa_family || n != m) {
     corvd_misuse("sockmask", "mask of another family");
     return;
@@ -245,35 +247,11 @@ void sockmask(sockaddr_un* addr, const sockaddr_un* mask) {
   for (int i = 0; i < n; ++i) a[i] &= k[i];
 }
 
-int sock_mask_len(const sockaddr_un* mask) {
-  if (!mask) return -1;
-  if (mask->sa_plen != SA_PLEN_NONE && sock_is_shared_mask(mask)) return mask->sa_plen;
-  int n = 0;
-  const uint8_t* b = sockaddr_bytes(mask, &n);
-  if (!b || mask->sa_family == SA_FAMILY_LINK) return -1;
-  return lenOfBytes(b, n);
-}
+namespace {
 
-int mask_contig(const sockaddr_un* mask) { return sock_mask_len(mask) >= 0 ? 1 : 0; }
-
-sockaddr_un* sock_mask_by_len(uint8_t family, int len) {
-  sock_info* info = family < SA_FAMILY_LIMIT ? sockaddr_sock_info[family] : nullptr;
-  if (!info) info = &zero_info;
-  if (len < 0 || len > info->si_max_len || !info->si_mask_list) return nullptr;
-  return info->si_mask_list[len];
-}
-
-sockaddr_un* inet_prefix_mask_locate_internal(const sockaddr_un* mask) {
-  if (!mask || mask->sa_family != SA_FAMILY_INET) return nullptr;
-  return sock_mask_by_len(SA_FAMILY_INET, sock_mask_len(mask));
-}
-
-sockaddr_un* inet6_prefix_mask_locate_internal(const sockaddr_un* mask) {
-  if (!mask || mask->sa_family != SA_FAMILY_INET6) return nullptr;
-  return sock_mask_by_len(SA_FAMILY_INET6, sock_mask_len(mask));
-}
-
-const uint8_t* sockaddr_bytes(const sockaddr_un* addr, int* len) {
+// The address bytes without a usability check: at most SA_LL_MAXLEN of a link-layer address,
+// whatever its sll_alen says (a hand-built record may claim more than sll_addr holds).
+const uint8_t* bytesOf(const sockaddr_un* addr, int* len) {
   if (!addr) return nullptr;
   switch (addr->sa_family) {
     case SA_FAMILY_INET:
@@ -283,25 +261,81 @@ const uint8_t* sockaddr_bytes(const sockaddr_un* addr, int* len) {
       *len = 16;
       return addr->a_in6.sin6_addr;
     case SA_FAMILY_LINK:
-      *len = addr->a_ll.sll_alen;
+      *len = addr->a_ll.sll_alen < SA_LL_MAXLEN ? addr->a_ll.sll_alen : SA_LL_MAXLEN;
       return addr->a_ll.sll_addr;
     default:
       return nullptr;
   }
 }
 
+// sock_mask_len of a mask already checked.
+int maskLen(const sockaddr_un* mask) {
+  if (!mask) return -1;
+  if (mask->sa_plen != SA_PLEN_NONE && sock_is_shared_mask(mask)) return mask->sa_plen;
+  int n = 0;
+  const uint8_t* b = bytesOf(mask, &n);
+  if (!b || mask->sa_family == SA_FAMILY_LINK) return -1;
+  return lenOfBytes(b, n);
+}
+
+}  // namespace
+
+int sock_mask_len(const sockaddr_un* mask) {
+  if (!sock_check_usable(mask, "sock_mask_len")) return -1;
+  return maskLen(mask);
+}
+
+int mask_contig(const sockaddr_un* mask) {
+  if (!sock_check_usable(mask, "mask_contig")) return 0;
+  return maskLen(mask) >= 0 ? 1 : 0;
+}
+
+sockaddr_un* sock_mask_by_len(uint8_t family, int len) {
+  sock_info* info = family < SA_FAMILY_LIMIT ? sockaddr_sock_info[family] : nullptr;
+  if (!info) info = &zero_info;
+  if (len < 0 || len > info->si_max_len || !info->si_mask_list) return nullptr;
+  return info->si_mask_list[len];
+}
+
+sockaddr_un* inet_prefix_mask_locate_internal(const sockaddr_un* mask) {
+  if (!sock_check_usable(mask, "inet_prefix_mask_locate_internal")) return nullptr;
+  if (!mask || mask->sa_family != SA_FAMILY_INET) return nullptr;
+  return sock_mask_by_len(SA_FAMILY_INET, maskLen(mask));
+}
+
+sockaddr_un* inet6_prefix_mask_locate_internal(const sockaddr_un* mask) {
+  if (!sock_check_usable(mask, "inet6_prefix_mask_locate_internal")) return nullptr;
+  if (!mask || mask->sa_family != SA_FAMILY_INET6) return nullptr;
+  return sock_mask_by_len(SA_FAMILY_INET6, maskLen(mask));
+}
+
+const uint8_t* sockaddr_bytes(const sockaddr_un* addr, int* len) {
+  if (!sock_check_usable(addr, "sockaddr_bytes")) return nullptr;
+  return bytesOf(addr, len);
+}
+
 bool sockaddr_equal(const sockaddr_un* a, const sockaddr_un* b) {
+  // A recycled temporary equals nothing (one misuse per call, even when both are).
+  if (!sock_check_usable(a, "sockaddr_equal") || !sock_check_usable(b, "sockaddr_equal")) {
+    return false;
+  }
   if (!a || !b) return a == b;
   if (a->sa_family != b->sa_family) return false;
+  if (a->sa_family == SA_FAMILY_LINK && a->a_ll.sll_alen != b->a_ll.sll_alen) return false;
   int n = 0;
   int m = 0;
-  const uint8_t* x = sockaddr_bytes(a, &n);
-  const uint8_t* y = sockaddr_bytes(b, &m);
+  const uint8_t* x = bytesOf(a, &n);
+  const uint8_t* y = bytesOf(b, &m);
   if (!x || !y) return !x && !y;
   return n == m && std::memcmp(x, y, static_cast<std::size_t>(n)) == 0;
 }
 
 void sockaddr_format(const sockaddr_un* addr, char* buf, std::size_t size) {
+  if (size == 0) return;  // no room even for the NUL
+  if (!sock_check_usable(addr, "sockaddr_format")) {
+    buf[0] = 0;
+    return;
+  }
   if (!addr) {
     std::snprintf(buf, size, "-");
     return;
@@ -316,8 +350,10 @@ void sockaddr_format(const sockaddr_un* addr, char* buf, std::size_t size) {
       }
       return;
     case SA_FAMILY_LINK: {
+      int len = 0;
+      bytesOf(addr, &len);  // no more than sll_addr holds
       int n = std::snprintf(buf, size, "ll:%u", addr->a_ll.sll_type);
-      for (int i = 0; i < addr->a_ll.sll_alen && n > 0 && static_cast<std::size_t>(n) < size; ++i) {
+      for (int i = 0; i < len && n > 0 && static_cast<std::size_t>(n) < size; ++i) {
         n += std::snprintf(buf + n, size - static_cast<std::size_t>(n), "%c%02x", i ? ':' : '/',
                            addr->a_ll.sll_addr[i]);
       }

@@ -7,7 +7,10 @@
 //    poisoned, and any daemon function handed a recycled temporary counts a misuse and refuses
 //    the call. A temporary must never be stored; sockdup makes the only copy that lasts.
 //    (Detection is by slot: a pointer kept for a whole turn of the pool's SOCK_POOL_RING slots
-//    looks live again and is not caught.)
+//    looks live again and is not caught.) The predicates sock_is_temporary and
+//    sock_is_shared_mask only classify a pointer and count nothing.
+//  - A link-layer record is read up to SA_LL_MAXLEN bytes of sll_addr whatever its sll_alen
+//    says (a hand-built record may claim more); sockaddr_equal also compares sll_alen.
 //  - sockdup returns a lasting copy. It floats until it is handed over in an interface request
 //    (if_conf_addaddr / if_conf_deladdr take it over) or released with sockfree; corvd_reset
 //    releases whatever still floats.
@@ -92,14 +95,16 @@ int sock_mask_len(const sockaddr_un* mask);
 // `len` is out of range.
 sockaddr_un* sock_mask_by_len(uint8_t family, int len);
 
-// Equality of family and address bytes (port and sa_plen ignored); null equals only null.
+// Equality of family and address bytes (port and sa_plen ignored); null equals only null; a
+// recycled temporary equals nothing (a misuse).
 bool sockaddr_equal(const sockaddr_un* a, const sockaddr_un* b);
 // Address bytes and their count (4, 16 or the link-layer length); null for other families.
 const uint8_t* sockaddr_bytes(const sockaddr_un* addr, int* len);
 // Text form: "10.1.2.3", "fe80::1"; a link-layer address as "ll:" and its type code in decimal,
 // then "/" before the first byte and ":" between bytes in two-digit hex ("ll:2/00:11:22:33:44:55",
-// "ll:0" when it has no bytes); "family<n>" for another family; "-" for null. Text longer than
-// `size` is cut, except an IP address, which then gives "".
+// "ll:0" when it has no bytes); "family<n>" for another family; "-" for null; "" for a recycled
+// temporary (a misuse). Text longer than `size` is cut, except an IP address, which then gives
+// "". A buffer of size 0 is left untouched.
 void sockaddr_format(const sockaddr_un* addr, char* buf, std::size_t size);
 
 // Daemon-internal checks used by the table functions.

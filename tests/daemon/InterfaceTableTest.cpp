@@ -136,6 +136,40 @@ TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
 }
 
+TEST_F(InterfaceTable, WithdstTieGoesToTheAddressAddedFirstAlsoAfterItIsRefreshed) {
+  addLink(1, "eth1", true);
+  addLink(2, "eth2", true);
+  addLink(3, "eth3", true);
+  if_addr* first = addAddr(1, in4("10.0.0.1"), 24);
+  if_addr* second = addAddr(2, in4("10.0.0.2"), 24);
+  ASSERT_TRUE(first && second) << misuseText();
+  EXPECT_EQ(if_withdst(in4("10.0.0.99")), first);
+  // Refreshed with the same mask (nothing re-indexed) and with a new mask and back again.
+  EXPECT_EQ(addAddr(1, in4("10.0.0.1"), 24), first);
+  EXPECT_EQ(if_withdst(in4("10.0.0.99")), first);
+  EXPECT_EQ(addAddr(1, in4("10.0.0.1"), 16), first);
+  EXPECT_EQ(if_withdst(in4("10.0.0.99")), second);  // the longer prefix wins
+  EXPECT_EQ(addAddr(1, in4("10.0.0.1"), 24), first);
+  EXPECT_EQ(if_withdst(in4("10.0.0.99")), first);
+  // A point-to-point peer refreshed to another peer and back keeps its place too.
+  addLink(4, "ppp0", true, IFS_POINTOPOINT);
+  addLink(5, "ppp1", true, IFS_POINTOPOINT);
+  if_addr* p1 = addAddr(4, in4("192.0.2.1"), 32, in4("198.51.100.7"));
+  if_addr* p2 = addAddr(5, in4("192.0.2.2"), 32, in4("198.51.100.7"));
+  EXPECT_EQ(if_withdst(in4("198.51.100.7")), p1);
+  addAddr(4, in4("192.0.2.1"), 32, in4("198.51.100.8"));
+  EXPECT_EQ(if_withdst(in4("198.51.100.7")), p2);
+  addAddr(4, in4("192.0.2.1"), 32, in4("198.51.100.7"));
+  EXPECT_EQ(if_withdst(in4("198.51.100.7")), p1);
+  EXPECT_EQ(if_withdstaddr(in4("198.51.100.7")), p1);
+  // Only removing and adding again makes an address the newest.
+  delAddr(1, in4("10.0.0.1"));
+  EXPECT_NE(addAddr(3, in4("10.0.0.3"), 24), nullptr);
+  EXPECT_NE(addAddr(1, in4("10.0.0.1"), 24), nullptr);
+  EXPECT_EQ(if_withdst(in4("10.0.0.99")), second);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
 TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
   struct Addr {
     uint32_t local;
@@ -157,10 +191,14 @@ TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
       if (dup) continue;
       ASSERT_NE(addAddr(a.link, sockbuild_in(0, a.local), a.len), nullptr) << misuseText();
       live.push_back(a);
-    } else if (op < 8 && !live.empty()) {
+    } else if (op < 7 && !live.empty()) {
       std::size_t k = rnd() % live.size();
       delAddr(live[k].link, sockbuild_in(0, live[k].local));
       live.erase(live.begin() + static_cast<long>(k));
+    } else if (op < 8 && !live.empty()) {  // refreshed in place: it keeps its place in add order
+      Addr& x = live[rnd() % live.size()];
+      x.len = rnd() % 2 ? x.len : 16 + static_cast<int>(rnd() % 17);
+      ASSERT_NE(addAddr(x.link, sockbuild_in(0, x.local), x.len), nullptr) << misuseText();
     } else {
       int l = 1 + static_cast<int>(rnd() % 4);
       up[l] = !up[l];
@@ -178,8 +216,10 @@ TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
     }
     if_addr* got = if_withdst(sockbuild_in(0, probe));
     ASSERT_EQ(got == nullptr, want == nullptr) << "step " << step;
-    if (got) {
+    if (got) {  // the longest prefix, then the address added first
       EXPECT_EQ(sock_mask_len(got->ifa_info.ifi_netmask), best);
+      EXPECT_EQ(got->ifa_info.ifi_addr_local->a_in.sin_addr, want->local) << "step " << step;
+      EXPECT_EQ(got->ifa_info.ifi_link->ifl_index, static_cast<unsigned long>(want->link));
       EXPECT_TRUE(got->ifa_info.ifi_state & IFS_UP);
     }
   }

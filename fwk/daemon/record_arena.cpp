@@ -1,0 +1,117 @@
+#include "fwk/daemon/record_arena.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define CORVD_LSAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(leak_sanitizer)
+#define CORVD_LSAN 1
+#endif
+#endif
+#ifdef CORVD_LSAN
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace {
+
+constexpr std::size_t kRegisterChunk = std::size_t{1} << 20;  // LeakSanitizer root regions
+
+[[noreturn]] void fail(const char* what) {
+  std::fprintf(stderr, "corvd: record arena: %s\n", what);
+  std::abort();
+}
+
+}  // namespace
+
+RecordArena::RecordArena(std::size_t recordSize, std::size_t reserveBytes)
+    : recordSize_(recordSize), reserveBytes_(reserveBytes) {}
+
+void RecordArena::reserve() {
+  pageSize_ = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  if (recordSize_ == 0 || recordSize_ > pageSize_) fail("record larger than a page");
+  perPage_ = pageSize_ / recordSize_;
+  // Address space only: pages are backed when first written and handed back with madvise. The
+  // whole reservation stays readable and writable, so that returning pages in any order never
+  // splits the mapping.
+  for (std::size_t bytes = reserveBytes_; bytes >= 64 * pageSize_; bytes /= 2) {
+    void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE,
+                   MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (p == MAP_FAILED) continue;
+    base_ = static_cast<unsigned char*>(p);
+    pageCount_ = bytes / pageSize_;
+    return;
+  }
+  fail("no address space");
+}
+
+void RecordArena::openPage() {
+  if (!base_) reserve();
+  std::size_t next = started_ ? current_ + 1 : 0;
+  for (std::size_t tries = 0; tries < pageCount_; ++tries, ++next) {
+    if (next == pageCount_) next = 0;  // the reservation is spent: reuse returned pages
+    if (pages_.count(next)) continue;
+    current_ = next;
+    started_ = true;
+    pages_.emplace(next, Page{});
+    if (next + 1 > highWater_) highWater_ = next + 1;
+#ifdef CORVD_LSAN
+    const std::size_t end = (next + 1) * pageSize_;
+    while (registered_ < end) {
+      const std::size_t n = std::min(kRegisterChunk, pageCount_ * pageSize_ - registered_);
+      __lsan_register_root_region(base_ + registered_, n);
+      registered_ += n;
+    }
+#endif
+    return;
+  }
+  fail("every page holds a live record");
+}
+
+void* RecordArena::take() {
+  auto it = started_ ? pages_.find(current_) : pages_.end();
+  if (it == pages_.end() || it->second.handedOut == perPage_) {
+    openPage();
+    it = pages_.find(current_);
+  }
+  Page& page = it->second;
+  unsigned char* rec = base_ + current_ * pageSize_ + page.handedOut * recordSize_;
+  ++page.handedOut;
+  ++page.live;
+  ++live_;
+  std::memset(rec, 0, recordSize_);
+  return rec;
+}
+
+std::size_t RecordArena::pageOf(const void* p) const {
+  return static_cast<std::size_t>(static_cast<const unsigned char*>(p) - base_) / pageSize_;
+}
+
+void RecordArena::give(void* rec) {
+  const std::size_t index = pageOf(rec);
+  auto it = pages_.find(index);
+  if (it == pages_.end() || it->second.live == 0) fail("record given back twice");
+  Page& page = it->second;
+  --page.live;
+  --live_;
+  if (page.live != 0 || page.handedOut != perPage_) return;
+  madvise(base_ + index * pageSize_, pageSize_, MADV_DONTNEED);  // reads as zeros from now on
+  pages_.erase(it);
+}
+
+RecordArena::State RecordArena::state(const void* p) const {
+  const auto* b = static_cast<const unsigned char*>(p);
+  if (!base_ || b < base_ || b >= base_ + pageCount_ * pageSize_) return State::foreign;
+  const std::size_t within = static_cast<std::size_t>(b - base_) % pageSize_;
+  if (within % recordSize_ != 0 || within / recordSize_ >= perPage_) return State::foreign;
+  const std::size_t index = pageOf(p);
+  auto it = pages_.find(index);
+  if (it == pages_.end()) return index < highWater_ ? State::returned : State::foreign;
+  return within / recordSize_ < it->second.handedOut ? State::held : State::foreign;
+}

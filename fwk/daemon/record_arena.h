@@ -1,0 +1,63 @@
+// Storage for the daemon records that callers keep pointers to and may hand back after the record
+// is gone (rt_entry, gw_entry): a stale pointer must be told from a live record by the pointer
+// alone, and the memory of gone records must come back.
+//
+// Each record gets an address that was never handed out before: records are taken in address
+// order from one large reservation of address space, so a record's address is its serial number.
+// A gone record's slot is never reused; its page is returned to the system once every record on
+// it is gone, and the arena forgets it. `state` then answers, without reading the record, whether
+// a pointer is a record on a page still held (the caller reads the record's own tag to tell live
+// from gone), a record whose page was returned (gone for certain), or no record of the arena.
+//
+// Limits: addresses are reused only after the whole reservation has been handed out once (several
+// hundred million records); from then on pages are reused oldest first, and a pointer kept across
+// that long can alias a new record. A page stays held while any record on it lives. The arena is
+// the process's (all daemon instances share it, so no instance can see another's stale record as
+// its own live one) and is never unmapped: records still live at exit stay readable, and under
+// LeakSanitizer the used part is registered as a root region, so what they point to is not a leak.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+
+class RecordArena {
+ public:
+  enum class State { held, returned, foreign };
+
+  // Records of `recordSize` bytes (at most a page) in a reservation of up to `reserveBytes`.
+  RecordArena(std::size_t recordSize, std::size_t reserveBytes);
+  RecordArena(const RecordArena&) = delete;
+  RecordArena& operator=(const RecordArena&) = delete;
+
+  // A zeroed record at an address never handed out before (see Limits).
+  void* take();
+  // The record is gone; `rec` must come from take() and not be given back twice.
+  void give(void* rec);
+  State state(const void* p) const;
+
+  std::size_t liveRecords() const { return live_; }
+  std::size_t pagesHeld() const { return pages_.size(); }
+
+ private:
+  struct Page {
+    uint32_t handedOut = 0;  // records taken from the page so far
+    uint32_t live = 0;       // of those, not given back
+  };
+  void reserve();
+  void openPage();
+  std::size_t pageOf(const void* p) const;
+
+  std::size_t recordSize_;
+  std::size_t reserveBytes_;
+  std::size_t pageSize_ = 0;
+  std::size_t perPage_ = 0;
+  std::size_t pageCount_ = 0;
+  unsigned char* base_ = nullptr;
+  std::size_t current_ = 0;     // page records are taken from
+  std::size_t highWater_ = 0;   // pages below it have been opened at least once
+  bool started_ = false;        // a page has been opened
+  std::size_t registered_ = 0;  // bytes registered with LeakSanitizer
+  std::size_t live_ = 0;
+  std::unordered_map<std::size_t, Page> pages_;  // held pages by index
+};

@@ -1,0 +1,123 @@
+// Entry and gateway records come back once they are gone, yet a stale pointer to one is caught
+// however long ago it went, and never reaches an unrelated live record; an interface address
+// never leaves its route-reference list behind.
+#include <string>
+#include <vector>
+
+#include "DaemonTestUtil.h"
+
+namespace {
+
+class RecordReclaim : public DaemonTest {};
+
+rt_entry* addRoute(gw_entry* gw, const std::string& dest, int len, int pref = 20) {
+  rt_parms rtp{};
+  rtp.rtp_dest = dest.find(':') == std::string::npos ? in4(dest.c_str()) : in6(dest.c_str());
+  rtp.rtp_dest_mask = sock_mask_by_len(rtp.rtp_dest->sa_family, len);
+  rtp.rtp_gwp = gw;
+  rtp.rtp_preference = pref;
+  return rt_add(&rtp, nullptr);
+}
+
+std::string v4(int i) {
+  return "10." + std::to_string(i / 65536 % 256) + "." + std::to_string(i / 256 % 256) + "." +
+         std::to_string(i % 256);
+}
+
+TEST_F(RecordReclaim, StaleEntryPointerAfterManyDeletionsIsCaughtAndDeletesNothing) {
+  gw_entry* gw = gw_init(nullptr, 8, fwk_task, 0, 0, nullptr, 0x800);
+  rt_open(fwk_task);
+  rt_entry* stale = addRoute(gw, "192.0.2.0", 24);
+  ASSERT_NE(stale, nullptr);
+  rt_delete(stale);
+  // Far more deletions than any quarantine would hold, interleaved with new entries that stay:
+  // storage reused after any number of deletions would put one of them at `stale`.
+  std::vector<rt_entry*> live;
+  for (int i = 0; i < 20000; ++i) {
+    live.push_back(addRoute(gw, v4(i), 32));
+    rt_delete(addRoute(gw, v4(100000 + i), 32));
+  }
+  ASSERT_EQ(corvd_misuse_count(), 0u) << misuseText();
+  EXPECT_FALSE(rt_entry_alive(stale));
+  rt_delete(stale);
+  rt_change_parms rtcp{5, 0, nullptr, nullptr};
+  EXPECT_EQ(rt_change_s(stale, &rtcp), nullptr);
+  EXPECT_EQ(corvd_misuse_count(), 2u) << misuseText();
+  EXPECT_EQ(corvd_misuse_log()[0], "rt_delete: entry already deleted");
+  for (rt_entry* rt : live) ASSERT_TRUE(rt_entry_alive(rt));
+  EXPECT_EQ(rt_entry_count(), live.size());
+  // Once they are gone too, their memory is back: only the page being filled is kept.
+  for (rt_entry* rt : live) rt_delete(rt);
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(rt_entry_count(), 0u);
+  EXPECT_LE(rt_record_pages(), 1u);
+  rt_open(fwk_task);
+  rt_delete(live.front());  // long gone, its page returned: still caught
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(corvd_misuse_count(), 3u) << misuseText();
+}
+
+TEST_F(RecordReclaim, FreedGatewaysAreReclaimedAndAStaleGatewayIsStillCaught) {
+  gw_entry* first = nullptr;
+  for (int cycle = 0; cycle < 10000; ++cycle) {
+    gw_entry* gw = gw_init(nullptr, 8, fwk_task, 0, 0, in4("10.9.9.9"), 0x800);
+    if (!first) first = gw;
+    rt_open(fwk_task);
+    ASSERT_NE(addRoute(gw, v4(cycle), 32), nullptr);
+    ASSERT_NE(addRoute(gw, "2001:db8::", 64), nullptr);  // gives the gateway a prefix tree
+    rt_close(fwk_task, 0, 1, 0);
+    gw_free(gw);
+  }
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+  EXPECT_EQ(gw_count(), 0u);
+  EXPECT_EQ(rt_entry_count(), 0u);
+  EXPECT_LE(gw_record_pages(), 1u);  // the page being filled at most
+  EXPECT_LE(rt_record_pages(), 1u);
+  EXPECT_EQ(sock_live_copies(), 0u);
+
+  // The first gateway's page was returned long ago: freeing it or adding through it is caught.
+  gw_entry* now = gw_init(nullptr, 9, fwk_task, 0, 0, nullptr, 0x800);
+  EXPECT_NE(now, first);
+  gw_free(first);
+  rt_open(fwk_task);
+  EXPECT_EQ(addRoute(first, "198.51.100.0", 24), nullptr);
+  EXPECT_NE(addRoute(now, "198.51.100.0", 24), nullptr);
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(corvd_misuse_count(), 2u) << misuseText();
+  EXPECT_EQ(corvd_misuse_log()[0], "gw_free: gateway freed twice");
+  // A gateway freed just now, whose page is still held, is caught the same way.
+  gw_free(now);
+  gw_free(now);
+  EXPECT_EQ(corvd_misuse_count(), 3u) << misuseText();
+}
+
+TEST_F(RecordReclaim, AddressFreedWithRoutesLeftTakesItsRouteListAlong) {
+  addLink(1, "et1", true);
+  if_addr* a = addAddr(1, in4("10.0.1.1"), 24);
+  ASSERT_NE(a, nullptr);
+  gw_entry* gw = gw_init(nullptr, 8, fwk_task, 0, 0, nullptr, 0x800);
+  rt_parms rtp{};
+  rtp.rtp_dest = in4("203.0.113.0");
+  rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 24);
+  rtp.rtp_gwp = gw;
+  rtp.rtp_n_gw = 2;
+  rtp.rtp_routers[0] = in4("10.0.1.2");
+  rtp.rtp_routers[1] = in4("10.0.1.3");
+  if_addr* ifaps[2] = {a, a};
+  rt_open(fwk_task);
+  rt_entry* rt = rt_add(&rtp, ifaps);
+  rt_close(fwk_task, 0, 1, 0);
+  ASSERT_NE(rt, nullptr) << misuseText();
+  EXPECT_EQ(rt_ref_list_count(), 1u);
+  // What happens to the interface table destroyed at exit, or reset with routes still there.
+  if_table_reset();
+  EXPECT_EQ(rt_ref_list_count(), 0u);
+  EXPECT_EQ(rt->rt_adj.adj_ifaps[0], nullptr);
+  EXPECT_EQ(rt->rt_adj.adj_ifaps[1], nullptr);
+  EXPECT_TRUE(rt_entry_alive(rt));
+  corvd_reset();
+  EXPECT_EQ(rt_entry_count(), 0u);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+}  // namespace
