@@ -1,6 +1,7 @@
-// What the full-scale benchmarks share: live heap bytes counted by the program's own operator
-// new/delete (include this header in exactly one file of a benchmark program), process CPU and
-// wall time, and a run of the activity loop on the real clock that times every pass.
+// What the full-scale benchmarks share: the bytes the process holds (live heap bytes counted by
+// the program's own operator new/delete, plus the daemon's record pages; include this header in
+// exactly one file of a benchmark program), process CPU and wall time, and a run of the activity
+// loop on the real clock that times every pass.
 #pragma once
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <new>
 #include <thread>
 
+#include "fwk/daemon/rt_table.h"
 #include "fwk/framework/ActivityManager.h"
 
 namespace BenchSupport {
@@ -34,6 +36,12 @@ void operator delete(void* q) noexcept {
 void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
 
 namespace BenchSupport {
+
+// What the process holds: live heap bytes plus the daemon's record pages, which live outside
+// the heap.
+inline long long processBytes() {
+  return liveBytes.load() + static_cast<long long>(rt_record_bytes());
+}
 
 inline double cpuSeconds() {
   timespec ts{};

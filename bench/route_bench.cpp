@@ -19,7 +19,7 @@ namespace {
 
 using namespace InterfaceRouteInfo;
 using BenchSupport::cpuSeconds;
-using BenchSupport::liveBytes;
+using BenchSupport::processBytes;
 using BenchSupport::runUntil;
 using BenchSupport::wallSeconds;
 
@@ -62,7 +62,7 @@ void mirror(benchmark::State& state) {
     auto in = Kel::make<Input>(Kel::Name("bgp"));
     in->routingProtoIs(8);
     in->preferenceIs(20);
-    const long long before = liveBytes.load();
+    const long long before = processBytes();
     for (long i = 0; i < n; ++i) {
       const auto hopIntf = static_cast<uint8_t>(1 + i % 4);
       if constexpr (V6) {
@@ -85,10 +85,10 @@ void mirror(benchmark::State& state) {
         r->viaIs(Routing::Via{Kanet::IntfId(), hop}, true);
       }
     }
-    const long long modelBytes = liveBytes.load() - before;
+    const long long modelBytes = processBytes() - before;
 
     // Mirror: the input appears in the directory; the module queues and drains every route.
-    const long long beforeMirror = liveBytes.load();
+    const long long beforeMirror = processBytes();
     const double w0 = wallSeconds();
     const double c0 = cpuSeconds();
     (V6 ? dir6 : dir)->entityPtrIs(Kel::Name("bgp"), in);
@@ -97,7 +97,7 @@ void mirror(benchmark::State& state) {
         runUntil([&] { return rt_entry_count() == static_cast<std::size_t>(n); });
     const double mirrorWall = wallSeconds() - w0;
     const double mirrorCpu = cpuSeconds() - c0;
-    const long long moduleDaemonBytes = liveBytes.load() - beforeMirror;
+    const long long moduleDaemonBytes = processBytes() - beforeMirror;
     if (rt_entry_count() != static_cast<std::size_t>(n)) state.SkipWithError("not all mirrored");
 
     // Withdraw every route and run until the table is empty.

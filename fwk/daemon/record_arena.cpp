@@ -60,6 +60,7 @@ void RecordArena::openPage() {
     current_ = next;
     started_ = true;
     pages_.emplace(next, Page{});
+    bytesHeldAll_ += pageSize_;
     if (next + 1 > highWater_) highWater_ = next + 1;
 #ifdef CORVD_LSAN
     const std::size_t end = (next + 1) * pageSize_;
@@ -103,6 +104,7 @@ void RecordArena::give(void* rec) {
   if (page.live != 0 || page.handedOut != perPage_) return;
   madvise(base_ + index * pageSize_, pageSize_, MADV_DONTNEED);  // reads as zeros from now on
   pages_.erase(it);
+  bytesHeldAll_ -= pageSize_;
 }
 
 RecordArena::State RecordArena::state(const void* p) const {

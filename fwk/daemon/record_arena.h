@@ -38,6 +38,8 @@ class RecordArena {
 
   std::size_t liveRecords() const { return live_; }
   std::size_t pagesHeld() const { return pages_.size(); }
+  // Bytes of the pages all arenas of the process hold (memory outside the heap).
+  static std::size_t bytesHeldAll() { return bytesHeldAll_; }
 
  private:
   struct Page {
@@ -48,6 +50,7 @@ class RecordArena {
   void openPage();
   std::size_t pageOf(const void* p) const;
 
+  static inline std::size_t bytesHeldAll_ = 0;
   std::size_t recordSize_;
   std::size_t reserveBytes_;
   std::size_t pageSize_ = 0;

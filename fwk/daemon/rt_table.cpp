@@ -384,6 +384,7 @@ int krt_addrcheck(const rt_parms* rtp) {
 
 std::size_t rt_head_count() { return t.v4.size() + t.v6.size(); }
 std::size_t rt_entry_count() { return t.liveEntries; }
+std::size_t rt_record_bytes() { return RecordArena::bytesHeldAll(); }
 
 bool rt_entry_alive(const rt_entry* rt) {
   return rt && entryRecords().state(rt) == RecordArena::State::held && rt->rt_magic == ENTRY_LIVE;

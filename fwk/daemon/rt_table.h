@@ -129,8 +129,8 @@ void rt_close(task* tp, int flags, int count, int more);
 rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps);
 // Changes preference and gateways in place: the same pointer, or null when refused or failing
 // (then nothing changed); a gateway set that another entry of the same gateway under the prefix
-// has already is refused this way, without a misuse. The new preference replaces a set-aside one (RTS_SETASIDE is
-// cleared); it is set aside again at once if one of the new addresses is down.
+// has already is refused this way, without a misuse. The new preference replaces a set-aside one
+// (RTS_SETASIDE is cleared); it is set aside again at once if one of the new addresses is down.
 rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp);
 // Removes the entry (and its prefix when it was the last one).
 void rt_delete(rt_entry* rt);
@@ -152,6 +152,8 @@ int krt_addrcheck(const rt_parms* rtp);
 // Counts and walks for inspection.
 std::size_t rt_head_count();
 std::size_t rt_entry_count();
+// Bytes of the pages holding entry and gateway records (kept outside the heap, see gw.h).
+std::size_t rt_record_bytes();
 // Visits every prefix: IPv4 before IPv6, by address then prefix length.
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg);
 // True while `rt` is an entry of the table (any pointer may be asked, a stale one included).
