@@ -92,11 +92,15 @@ TEST(Registry, EveryTypeOnceInOrderWithItsAttributesInDeclarationOrder) {
         << t->name;
     EXPECT_EQ(t->reactor, t->name.ends_with("Sm")) << t->name;
     // Every reactor has the framework's reactor attributes, every backlog zeroReferencesIs.
-    for (const auto& n : kReactor)
-      EXPECT_EQ(t->attribute(n) != nullptr,
-                t->reactor || (n == kReactor[0] && t->kind == Kel::TypeKind::entity))
-          << t->name << " " << n;
+    for (const auto& n : kReactor) {
+      const bool entityRow = n == "isNondestructing" && t->kind == Kel::TypeKind::entity;
+      EXPECT_EQ(t->attribute(n) != nullptr, t->reactor || entityRow) << t->name << " " << n;
+    }
     EXPECT_EQ(t->attribute("zeroReferencesIs") != nullptr, t->name.ends_with("Backlog")) << t->name;
+    if (t->reactor) {
+      EXPECT_TRUE(t->attribute("initialized")) << t->name;
+      EXPECT_TRUE(t->attribute("handleInitialized")) << t->name;
+    }
   }
   EXPECT_EQ(have, want);
 #define IRI_CHECK_(Type) expectDeclarationOrder<Type>();
