@@ -31,6 +31,7 @@
 #include <string>
 #include <string_view>
 
+#include "fwk/framework/Attributes.h"
 #include "fwk/framework/HashMap.h"
 #include "fwk/framework/ValueParse.h"
 #include "fwk/model/KanetIpAddr.h"
@@ -77,6 +78,9 @@ class IpAddrSet {
   const std::string& toString() const;
 
   friend bool operator==(const IpAddrSet& a, const IpAddrSet& b);
+
+  // Introspection tables, generated from the attribute list.
+  KEL_VALUE_TYPE(IpAddrSet, IRI_ATTRS_IpAddrSet)
   friend std::ostream& operator<<(std::ostream& os, const IpAddrSet& v) {
     return os << v.toString();
   }

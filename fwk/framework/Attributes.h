@@ -26,10 +26,17 @@
 //                                      Kel::RangeException
 //   SIGNAL(name, Cap, Type, default, handler)  a value whose change first calls handler(), then
 //                                      notifies (Root's `initialized`)
+//   SECONDS(name, Cap, default)        a double of seconds, like SCALAR; the one kind the generic
+//                                      interface may set (finite, not negative)
 //   HANDLER(name, Cap)                 a hand-written operation; appears in the table only
+//   ACTION(name, Cap)                  a hand-written operation the generic interface may call
+//                                      (not overloaded; arguments parsed from text)
 // Mutators of values notify only when the value changes; collection mutators notify with the key
 // (nameDelAll once per key). The nested Notifiee has onCap() for single attributes, onCap(key)
-// and onCapkelImmediate() for keyed ones; all do nothing unless overridden.
+// and onCapkelImmediate() for keyed ones; unless overridden, each reports the attribute to
+// kelAttributeChanged (the generic notifiee adapter, GenericIfAdapter.h, records it).
+// The introspection tables kelAttributes() and kelAccess() and the generic interface come from
+// the same list (GenericAccess.h); KEL_TWIN_NAMES renames attributes of a twin instance.
 // INPUT attributes must be initialised by the type's constructor (kelInputsIs(params...) sets them
 // all, in order). Types with commas (templates) must be given an alias first.
 #pragma once
@@ -45,6 +52,7 @@
 #include "fwk/framework/Entity.h"
 #include "fwk/framework/Exception.h"
 #include "fwk/framework/HashMap.h"
+#include "fwk/framework/Reactor.h"
 
 namespace Kel {
 
@@ -75,11 +83,33 @@ std::string kelText(const T& v) {
 }
 
 // Builds a reactor or entity and runs its handleInitialized (when it has one) before returning.
+// A reactor learns here which of the notifiees made during its construction are its members
+// (Reactor::hasNotificationActiveIs switches them).
 template <class T, class... Args>
 Ptr<T> instantiate(Args&&... args) {
-  Ptr<T> p(new T(std::forward<Args>(args)...));
+  Ptr<T> p;
+  if constexpr (std::is_base_of_v<Reactor, T>) {
+    std::vector<NotifieeBase*> made;
+    struct Restore {
+      std::vector<NotifieeBase*>* old;
+      ~Restore() { NotifieeBase::collectorIs(old); }
+    } restore{NotifieeBase::collectorIs(&made)};
+    p = Ptr<T>(new T(std::forward<Args>(args)...));
+    p->kelAdopt(
+        made, p.ptr(), sizeof(T),
+        +[](Reactor& r, bool active) { static_cast<T&>(r).kelCollectionsActiveIs(active); });
+  } else {
+    p = Ptr<T>(new T(std::forward<Args>(args)...));
+  }
   if constexpr (requires(T & t) { t.handleInitialized(); }) p->handleInitialized();
   return p;
+}
+
+// A notifiee a reactor adds to a NOTIFIEES collection takes the reactor's delivery switch.
+template <class Owner>
+void followDeliverySwitch(const Owner& owner, NotifieeBase& n) {
+  if constexpr (std::is_base_of_v<Reactor, Owner>)
+    n.hasNotificationActiveIs(owner.hasNotificationActive());
 }
 
 // Tells a collection member that it joined `owner`'s collection (or left it: null), when its type
@@ -134,36 +164,23 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 
 // ---- notifiee callbacks ----
 #define KEL_CB_(kind, ...) KEL_DISPATCH_(KEL_CB_, kind, __VA_ARGS__)
-#define KEL_CB_SCALAR(name, Cap, ...) \
-  virtual void on##Cap() {}
-#define KEL_CB_POINTER(name, Cap, ...) \
-  virtual void on##Cap() {}
+#define KEL_CB_ONE_(name, Cap) \
+  virtual void on##Cap() { kelAttributeChanged(kelAttr_##name); }
+#define KEL_CB_SCALAR(name, Cap, ...) KEL_CB_ONE_(name, Cap)
+#define KEL_CB_SECONDS(name, Cap, ...) KEL_CB_ONE_(name, Cap)
+#define KEL_CB_POINTER(name, Cap, ...) KEL_CB_ONE_(name, Cap)
 #define KEL_CB_INPUT(name, Cap, ...)
-#define KEL_CB_SIGNAL(name, Cap, ...) \
-  virtual void on##Cap() {}
+#define KEL_CB_SIGNAL(name, Cap, ...) KEL_CB_ONE_(name, Cap)
 #define KEL_CB_HANDLER(name, Cap)
-#define KEL_CB_CHILD(name, Cap, ...) \
-  virtual void on##Cap() {}
-#define KEL_CB_KEYED_(Cap, Key)       \
-  virtual void on##Cap(const Key&) {} \
-  virtual void on##Cap##kelImmediate() {}
-#define KEL_CB_COLLECTION(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
-#define KEL_CB_CHILDREN(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
-#define KEL_CB_ENTRIES(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
-#define KEL_CB_NOTIFIEES(name, Cap, Key, ...) KEL_CB_KEYED_(Cap, Key)
-
-// ---- attribute table rows ----
-#define KEL_INFO_(kind, name, ...) {#name, 0, ::Kel::AttributeKind::KEL_KIND_##kind},
-#define KEL_KIND_SCALAR scalar
-#define KEL_KIND_POINTER pointer
-#define KEL_KIND_INPUT scalar
-#define KEL_KIND_SIGNAL scalar
-#define KEL_KIND_COLLECTION collection
-#define KEL_KIND_CHILD child
-#define KEL_KIND_CHILDREN children
-#define KEL_KIND_ENTRIES collection
-#define KEL_KIND_NOTIFIEES notifiees
-#define KEL_KIND_HANDLER handler
+#define KEL_CB_ACTION(name, Cap)
+#define KEL_CB_CHILD(name, Cap, ...) KEL_CB_ONE_(name, Cap)
+#define KEL_CB_KEYED_(name, Cap, Key)                                       \
+  virtual void on##Cap(const Key&) { kelAttributeChanged(kelAttr_##name); } \
+  virtual void on##Cap##kelImmediate() { kelAttributeChanged(kelAttr_##name); }
+#define KEL_CB_COLLECTION(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
+#define KEL_CB_CHILDREN(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
+#define KEL_CB_ENTRIES(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
+#define KEL_CB_NOTIFIEES(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
 
 // ---- constructor inputs ----
 #define KEL_TIE_(kind, ...) KEL_DISPATCH_(KEL_TIE_, kind, __VA_ARGS__)
@@ -177,6 +194,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_TIE_ENTRIES(...)
 #define KEL_TIE_NOTIFIEES(...)
 #define KEL_TIE_HANDLER(...)
+#define KEL_TIE_SECONDS(...)
+#define KEL_TIE_ACTION(...)
 #define KEL_PNAME_(kind, ...) KEL_DISPATCH_(KEL_PNAME_, kind, __VA_ARGS__)
 #define KEL_PNAME_INPUT(name, ...) #name,
 #define KEL_PNAME_SCALAR(...)
@@ -188,6 +207,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_PNAME_ENTRIES(...)
 #define KEL_PNAME_NOTIFIEES(...)
 #define KEL_PNAME_HANDLER(...)
+#define KEL_PNAME_SECONDS(...)
+#define KEL_PNAME_ACTION(...)
 
 // ---- members ----
 #define KEL_MEMBER_(kind, ...) KEL_DISPATCH_(KEL_MEMBER_, kind, __VA_ARGS__)
@@ -224,6 +245,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   Type name##_{};
 
 #define KEL_MEMBER_HANDLER(name, Cap)
+#define KEL_MEMBER_ACTION(name, Cap)
+#define KEL_MEMBER_SECONDS(name, Cap, Default) KEL_MEMBER_SCALAR(name, Cap, double, Default)
 
 #define KEL_MEMBER_SIGNAL(name, Cap, Type, Default, handler) \
  public:                                                     \
@@ -367,6 +390,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     const Key k = kelW->key();                                                               \
     if (Adapter* have = name(k); have && have->notifier() == kelW) return have;              \
     Adapter* a = name##_.insert(k, std::make_unique<Adapter>(this, kelW)).first->get();      \
+    ::Kel::followDeliverySwitch(*this, *a);                                                  \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
     return a;                                                                                \
   }                                                                                          \
@@ -378,52 +402,57 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     return name##_.begin();                                                                  \
   }                                                                                          \
   std::size_t name##Count() const { return name##_.size(); }                                 \
+  const ::Kel::HashMap<Key, std::unique_ptr<Adapter>>& name##Collection() const {            \
+    return name##_;                                                                          \
+  }                                                                                          \
                                                                                              \
  private:                                                                                    \
   ::Kel::HashMap<Key, std::unique_ptr<Adapter>> name##_;
 
 // ---- the whole entity body ----
-#define KEL_ENTITY(Class, QualifiedName, LIST)                                         \
- public:                                                                               \
-  class Notifiee : public ::Kel::NotifieeBase {                                        \
-   public:                                                                             \
-    Notifiee() = default;                                                              \
-    ~Notifiee() override { notifierBaseIs(nullptr); }                                  \
-    const ::Kel::Ptr<const Class>& notifier() const { return kelNotifier_; }           \
-    void notifierIs(const ::Kel::Ptr<const Class>& n) {                                \
-      if (n == kelNotifier_) return;                                                   \
-      ::Kel::Ptr<const Class> keep = kelNotifier_;                                     \
-      kelNotifier_ = n;                                                                \
-      notifierBaseIs(n.ptr());                                                         \
-    }                                                                                  \
-    LIST(KEL_CB_)                                                                      \
-   private:                                                                            \
-    ::Kel::Ptr<const Class> kelNotifier_;                                              \
-  };                                                                                   \
-  static const char* kelTypeName() { return QualifiedName; }                           \
-  static const std::vector<::Kel::AttributeInfo>& kelAttributes() {                    \
-    static const std::vector<::Kel::AttributeInfo> table = [] {                        \
-      std::vector<::Kel::AttributeInfo> t = {LIST(KEL_INFO_)};                         \
-      for (unsigned i = 0; i < t.size(); ++i) t[i].id = i;                             \
-      return t;                                                                        \
-    }();                                                                               \
-    return table;                                                                      \
-  }                                                                                    \
-  auto kelCtorParams() const { return std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()); } \
-  static const char* const* kelCtorParamNames() {                                      \
-    static const char* const names[] = {LIST(KEL_PNAME_) nullptr};                     \
-    return names;                                                                      \
-  }                                                                                    \
-                                                                                       \
- protected:                                                                            \
-  template <class... Args>                                                             \
-  void kelInputsIs(Args&&... args) {                                                   \
-    std::apply([&](auto&... field) { ((field = std::forward<Args>(args)), ...); },     \
-               std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()));                         \
-  }                                                                                    \
-  template <class F>                                                                   \
-  void kelNotify(F&& f) const {                                                        \
-    deliver<Notifiee>(f);                                                              \
-  }                                                                                    \
-  LIST(KEL_MEMBER_)                                                                    \
+#define KEL_ENTITY(Class, QualifiedName, LIST)                                             \
+ public:                                                                                   \
+  /* Declared attributes by position (the framework's rows come first in the tables). */   \
+  enum KelAttrDeclared : unsigned { LIST(KEL_ENUM_) kelAttrDeclaredCount };                \
+  class Notifiee : public ::Kel::NotifieeBase {                                            \
+   public:                                                                                 \
+    Notifiee() = default;                                                                  \
+    ~Notifiee() override { notifierBaseIs(nullptr); }                                      \
+    const ::Kel::Ptr<const Class>& notifier() const { return kelNotifier_; }               \
+    void notifierIs(const ::Kel::Ptr<const Class>& n) {                                    \
+      if (n == kelNotifier_) return;                                                       \
+      ::Kel::Ptr<const Class> keep = kelNotifier_;                                         \
+      kelNotifier_ = n;                                                                    \
+      notifierBaseIs(n.ptr());                                                             \
+    }                                                                                      \
+    /* Every callback not overridden lands here with the attribute's declared position. */ \
+    virtual void kelAttributeChanged(unsigned) {}                                          \
+    LIST(KEL_CB_)                                                                          \
+   private:                                                                                \
+    ::Kel::Ptr<const Class> kelNotifier_;                                                  \
+  };                                                                                       \
+  static const char* kelTypeName() { return QualifiedName; }                               \
+  KEL_TABLES_(Class, LIST, KEL_INFO_, KEL_ACC_)                                            \
+  /* Switches the notifiees of the NOTIFIEES collections (reactors). */                    \
+  void kelCollectionsActiveIs([[maybe_unused]] bool kelActive) { LIST(KEL_ACTIVE_) }       \
+  auto kelCtorParams() const { return std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()); }     \
+  static const char* const* kelCtorParamNames() {                                          \
+    static const char* const names[] = {LIST(KEL_PNAME_) nullptr};                         \
+    return names;                                                                          \
+  }                                                                                        \
+                                                                                           \
+ protected:                                                                                \
+  template <class... Args>                                                                 \
+  void kelInputsIs(Args&&... args) {                                                       \
+    std::apply([&](auto&... field) { ((field = std::forward<Args>(args)), ...); },         \
+               std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()));                             \
+  }                                                                                        \
+  template <class F>                                                                       \
+  void kelNotify(F&& f) const {                                                            \
+    deliver<Notifiee>(f);                                                                  \
+  }                                                                                        \
+  LIST(KEL_MEMBER_)                                                                        \
  public:
+
+#include "fwk/framework/AttributeRows.h"
+#include "fwk/framework/GenericAccess.h"

@@ -22,6 +22,7 @@
 
 #include "fwk/framework/Entity.h"
 #include "fwk/framework/Time.h"
+#include "fwk/framework/TypeName.h"
 
 namespace Kel {
 
@@ -85,3 +86,5 @@ class Clock : public Entity {
 };
 
 }  // namespace Kel
+
+KEL_TYPE_NAME(Kel::Clock, "Kel::Clock")

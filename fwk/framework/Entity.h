@@ -17,13 +17,20 @@
 namespace Kel {
 
 enum class AttributeKind { scalar, pointer, child, collection, children, notifiees, handler };
+enum class TypeKind { value, entity };
 
-// One row of a type's attribute table: the name, the id (its position in the declaration) and
-// the kind. The generic attribute interface is built on these tables.
+// One row of a type's attribute table, generated from its declaration (Attributes.h): the name
+// (as registered), the id (its position in the table), the kind, the names of its type and, for
+// a keyed collection, of its key (null otherwise), whether its type is a value or an entity, and
+// the introspection flag bits (Registry.h).
 struct AttributeInfo {
   const char* name;
   unsigned id;
   AttributeKind kind;
+  const char* typeName;
+  const char* keyTypeName;
+  TypeKind typeKind;
+  unsigned flags;
 };
 
 class Entity : public PtrInterface, public NotifierBase {
@@ -32,6 +39,9 @@ class Entity : public PtrInterface, public NotifierBase {
   // Kept by the framework for the state database's lifecycle; the module's logic ignores it.
   bool isNondestructing() const { return isNondestructing_; }
   void isNondestructingIs(bool v) { isNondestructing_ = v; }
+  // The registered name of a declared attribute; a twin type that registers other names than
+  // it declares hides this (KEL_TWIN_NAMES, Attributes.h).
+  static const char* kelAttrName(const char* declared) { return declared; }
 
   static long liveCount() { return live_; }
 

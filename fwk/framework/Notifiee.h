@@ -20,7 +20,9 @@ class NotifierBase;
 
 class NotifieeBase {
  public:
-  NotifieeBase() = default;
+  NotifieeBase() {
+    if (collector_) collector_->push_back(this);
+  }
   NotifieeBase(const NotifieeBase&) = delete;
   NotifieeBase& operator=(const NotifieeBase&) = delete;
   virtual ~NotifieeBase();
@@ -32,6 +34,14 @@ class NotifieeBase {
   bool hasNotificationActive() const { return active_; }
   void hasNotificationActiveIs(bool active) { active_ = active; }
 
+  // While a collector is set, every notifiee made is appended to it (a reactor's factory learns
+  // so which adapters the new reactor owns). Returns the previous collector.
+  static std::vector<NotifieeBase*>* collectorIs(std::vector<NotifieeBase*>* c) {
+    std::vector<NotifieeBase*>* old = collector_;
+    collector_ = c;
+    return old;
+  }
+
  protected:
   // Unregisters from the previous notifier, then registers with n (null: watches nothing).
   void notifierBaseIs(const NotifierBase* n);
@@ -42,6 +52,7 @@ class NotifieeBase {
   const NotifierBase* notifier_ = nullptr;
   std::uint32_t serial_ = 0;  // 0: not registered
   bool active_ = true;
+  static inline std::vector<NotifieeBase*>* collector_ = nullptr;
 };
 
 class NotifierBase {

@@ -27,6 +27,7 @@
 #include "fwk/framework/Clock.h"
 #include "fwk/framework/Entity.h"
 #include "fwk/framework/Time.h"
+#include "fwk/framework/TypeName.h"
 
 namespace Vek {
 
@@ -129,3 +130,5 @@ class TimerWheel : public Kel::Entity {
 };
 
 }  // namespace Vek
+
+KEL_TYPE_NAME(Vek::TimerWheel, "Vek::TimerWheel")

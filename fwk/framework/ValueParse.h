@@ -21,6 +21,7 @@
 // in a local and hand it out once the parse succeeded, so a failed parse leaves nothing behind.
 #pragma once
 
+#include <algorithm>
 #include <cstdio>
 #include <initializer_list>
 #include <string>
@@ -46,6 +47,9 @@ class ValueScanner {
       ++pos_;
     }
   }
+
+  // Moves past `n` characters that the caller has read itself (at most to the end).
+  void skip(std::size_t n) { pos_ += std::min(n, static_cast<std::size_t>(end_ - pos_)); }
 
   // Consumes `token` when it comes next. Nothing left raises the premature-end error.
   bool accept(std::string_view token) {

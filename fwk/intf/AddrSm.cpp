@@ -9,7 +9,7 @@ namespace InterfaceRouteInfo {
 
 template <class Traits>
 IntfAddrSmT<Traits>::IntfAddrSmT(const VrfStatusPtr& vrfIpIntfStatus, const BacklogPtr& intfBacklog)
-    : Kel::Entity(vrfIpIntfStatus ? vrfIpIntfStatus->vrfName().str() : std::string()) {
+    : Kel::Reactor(vrfIpIntfStatus ? vrfIpIntfStatus->vrfName().str() : std::string()) {
   kelInputsIs(vrfIpIntfStatus, intfBacklog);
   kelVrfStatus_.notifierIs(vrfIpIntfStatus);
   for (auto [id, status] : Traits::intfs(*vrfIpIntfStatus)) kelAdapterSync(id);
@@ -106,7 +106,7 @@ void IntfAddrSmT<Traits>::doPrepareToDie() {
 template <class Traits>
 VrfAddrSmT<Traits>::VrfAddrSmT(const Ip::VrfName& vrfName, const StatusPtr& ipStatus,
                                const BacklogPtr& intfBacklog)
-    : Kel::Entity(vrfName.str()) {
+    : Kel::Reactor(vrfName.str()) {
   kelInputsIs(vrfName, ipStatus, intfBacklog);
   kelStatus_.notifierIs(ipStatus);
 }

@@ -25,7 +25,7 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class IntfAddrSmT : public Kel::Entity {
+class IntfAddrSmT : public Kel::Reactor {
  public:
   using VrfStatus = typename Traits::VrfStatus;
   using IntfStatus = typename Traits::IntfStatus;
@@ -56,6 +56,12 @@ class IntfAddrSmT : public Kel::Entity {
   A(HANDLER, doPrepareToDie, DoPrepareToDie)
   KEL_ENTITY(IntfAddrSmT, Traits::smType, KEL_ATTRS_IntfAddrSm)
 #undef KEL_ATTRS_IntfAddrSm
+#define KEL_TWINS_IntfAddrSm(T)               \
+  T(INPUT, vrfIpIntfStatus, vrfIp6IntfStatus) \
+  T(NOTIFIEES, ipIntfStatus, ip6IntfStatus)   \
+  T(HANDLER, handleIpIntfStatus, handleIp6IntfStatus)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_IntfAddrSm)
+#undef KEL_TWINS_IntfAddrSm
 
   IntfAddrSmT(const VrfStatusPtr& vrfIpIntfStatus, const BacklogPtr& intfBacklog);
 
@@ -78,7 +84,7 @@ class IntfAddrSmT : public Kel::Entity {
 };
 
 template <class Traits>
-class VrfAddrSmT : public Kel::Entity {
+class VrfAddrSmT : public Kel::Reactor {
  public:
   using Status = typename Traits::Status;
   using StatusPtr = Kel::Ptr<const Status>;
@@ -95,6 +101,12 @@ class VrfAddrSmT : public Kel::Entity {
   A(HANDLER, handleVrfIpIntfStatus, HandleVrfIpIntfStatus)
   KEL_ENTITY(VrfAddrSmT, Traits::vrfSmType, KEL_ATTRS_VrfAddrSm)
 #undef KEL_ATTRS_VrfAddrSm
+#define KEL_TWINS_VrfAddrSm(T)              \
+  T(INPUT, ipStatus, ip6Status)             \
+  T(CHILD, ipIntfStatusSm, ip6IntfStatusSm) \
+  T(HANDLER, handleVrfIpIntfStatus, handleVrfIp6IntfStatus)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_VrfAddrSm)
+#undef KEL_TWINS_VrfAddrSm
 
   VrfAddrSmT(const Ip::VrfName& vrfName, const StatusPtr& ipStatus, const BacklogPtr& intfBacklog);
 

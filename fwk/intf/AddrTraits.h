@@ -17,6 +17,7 @@ struct Ip4AddrTraits {
   using Status = Ip::Status;
   using VrfStatus = Ip::VrfIpIntfStatus;
   using IntfStatus = Ip::IpIntfStatus;
+  static constexpr bool isIp6 = false;
 
   static constexpr const char* vrfSmType = "InterfaceRouteInfo::VrfIpIntfStatusSm";
   static constexpr const char* smType = "InterfaceRouteInfo::IpIntfStatusSm";
@@ -80,6 +81,7 @@ struct Ip6AddrTraits {
   using Status = Ip6::Status;
   using VrfStatus = Ip6::VrfIp6IntfStatus;
   using IntfStatus = Ip6::IntfStatus;
+  static constexpr bool isIp6 = true;
 
   static constexpr const char* vrfSmType = "InterfaceRouteInfo::VrfIp6IntfStatusSm";
   static constexpr const char* smType = "InterfaceRouteInfo::Ip6IntfStatusSm";

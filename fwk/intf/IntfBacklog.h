@@ -19,17 +19,17 @@
 
 namespace InterfaceRouteInfo {
 
-class IntfBacklog : public Kel::Entity {
+class IntfBacklog : public Kel::ReferencedEntity {
  public:
 #define KEL_ATTRS_IntfBacklog(A)                                \
   A(ENTRIES, backlog, Backlog, Kanet::IntfId, IntfBackLogEntry) \
-  A(SCALAR, backlogQuantum, BacklogQuantum, double, 0.08)       \
-  A(SCALAR, backlogDelay, BacklogDelay, double, 0.04)           \
-  A(HANDLER, doAddBacklog, DoAddBacklog)
+  A(SECONDS, backlogQuantum, BacklogQuantum, 0.08)              \
+  A(SECONDS, backlogDelay, BacklogDelay, 0.04)                  \
+  A(ACTION, doAddBacklog, DoAddBacklog)
   KEL_ENTITY(IntfBacklog, "InterfaceRouteInfo::IntfBacklog", KEL_ATTRS_IntfBacklog)
 #undef KEL_ATTRS_IntfBacklog
 
-  explicit IntfBacklog(Kel::Name name) : Kel::Entity(std::move(name)) {}
+  explicit IntfBacklog(Kel::Name name) : Kel::ReferencedEntity(std::move(name)) {}
   ~IntfBacklog() override;
 
   void doAddBacklog(Kanet::IntfId intfId, bool flapInterface);

@@ -23,7 +23,7 @@ IntfBacklogSm::IntfBacklogSm(const Ip::VrfName& vrfName, const BacklogPtr& intfB
                              const IpStatusPtr& ipStatus, const Ip6StatusPtr& ip6Status,
                              const DevDirPtr& kernelIntfStatusDir,
                              const ManagerPtr& intfStatusManager)
-    : Kel::Entity(intfBacklog ? intfBacklog->name() : Kel::Name()) {
+    : Kel::Reactor(intfBacklog ? intfBacklog->name() : Kel::Name()) {
   kelInputsIs(vrfName, intfBacklog, backlogClock, allIntfStatusDir, ipStatus, ip6Status,
               kernelIntfStatusDir, intfStatusManager);
   kelBacklogClock_.notifierIs(backlogClock);

@@ -35,7 +35,7 @@
 
 namespace InterfaceRouteInfo {
 
-class IntfBacklogSm : public Kel::Entity {
+class IntfBacklogSm : public Kel::Reactor {
  public:
   using BacklogPtr = Kel::Ptr<IntfBacklog>;
   using ClockPtr = Kel::Ptr<Kel::Clock>;

@@ -17,7 +17,7 @@ IntfStatusSm::IntfStatusSm(const Kanet::IntfId& intfId, std::uint32_t ifIndex,
                            const Kel::String8& deviceName, const IntfStatusPtr& intfStatus,
                            const KernelIntfPtr& kernelIntf, const BacklogPtr& intfBacklog,
                            const WheelPtr& timerWheel)
-    : Kel::Entity(intfId.toString()) {
+    : Kel::Reactor(intfId.toString()) {
   kelInputsIs(intfId, ifIndex, deviceName, intfStatus, kernelIntf, intfBacklog, timerWheel);
   kelKernelIntf_.notifierIs(kernelIntf);
   kelIntfStatus_.notifierIs(intfStatus);

@@ -28,7 +28,7 @@
 
 namespace InterfaceRouteInfo {
 
-class IntfStatusSm : public Kel::Entity {
+class IntfStatusSm : public Kel::Reactor {
  public:
   using IntfStatusPtr = Kel::Ptr<const Interface::IntfStatus>;
   using KernelIntfPtr = Kel::Ptr<const KernelNetworkInfo::Interface>;

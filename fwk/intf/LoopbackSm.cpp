@@ -28,7 +28,7 @@ if_info loRequest(if_link* ifl) {
 }
 }  // namespace
 
-LoopbackSm::LoopbackSm(const KernelRootPtr& kernelNetworkInfoRoot) : Kel::Entity("loopbackSm") {
+LoopbackSm::LoopbackSm(const KernelRootPtr& kernelNetworkInfoRoot) : Kel::Reactor("loopbackSm") {
   kelInputsIs(kernelNetworkInfoRoot);
   kelKernelNetworkInfoRoot_.notifierIs(kernelNetworkInfoRoot);
 }

@@ -15,7 +15,7 @@
 
 namespace InterfaceRouteInfo {
 
-class LoopbackSm : public Kel::Entity {
+class LoopbackSm : public Kel::Reactor {
  public:
   using KernelRootPtr = Kel::Ptr<const KernelNetworkInfo::Root>;
 

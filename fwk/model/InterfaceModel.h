@@ -169,3 +169,6 @@ KEL_FACTORY(netNsIntfStatusManagerFactory, NetNsIntfStatusManager)
 KEL_FACTORY(deviceIntfStatusDirFactory, DeviceIntfStatusDir)
 
 }  // namespace Interface
+
+KEL_TYPE_NAME(Interface::IntfOperStatus, "Interface::IntfOperStatus")
+KEL_TYPE_NAME(Interface::IntfStatusAndDeviceName, "Interface::IntfStatusAndDeviceName")

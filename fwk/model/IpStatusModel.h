@@ -131,3 +131,5 @@ class Status : public Kel::Entity {
 };
 
 }  // namespace Ip6
+
+KEL_TYPE_NAME(Ip6::AddressInfo, "Ip6::AddressInfo")

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#include "fwk/framework/TypeName.h"
+
 namespace Kanet {
 
 class IntfId {
@@ -63,3 +65,5 @@ struct std::hash<Kanet::IntfId> {
 
 template <>
 struct std::hash<Kanet::LoopbackIntfId> : std::hash<Kanet::IntfId> {};
+
+KEL_TYPE_NAME(Kanet::IntfId, "Kanet::IntfId")

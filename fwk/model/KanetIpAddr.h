@@ -36,6 +36,7 @@
 #include <utility>
 
 #include "fwk/framework/Exception.h"
+#include "fwk/framework/TypeName.h"
 
 namespace Kanet {
 
@@ -273,3 +274,9 @@ template <>
 struct std::hash<Kanet::EthAddr> {
   size_t operator()(const Kanet::EthAddr& a) const noexcept { return a.hash(); }
 };
+
+KEL_TYPE_NAME(Kanet::IpAddr, "Kanet::IpAddr")
+KEL_TYPE_NAME(Kanet::Ip6Addr, "Kanet::Ip6Addr")
+KEL_TYPE_NAME(Kanet::IpAddrWithMask, "Kanet::IpAddrWithMask")
+KEL_TYPE_NAME(Kanet::Ip6AddrWithMask, "Kanet::Ip6AddrWithMask")
+KEL_TYPE_NAME(Kanet::EthAddr, "Kanet::EthAddr")

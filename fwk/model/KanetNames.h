@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "fwk/framework/Exception.h"
+#include "fwk/framework/TypeName.h"
 
 namespace Kanet {
 
@@ -73,3 +74,6 @@ struct std::hash<Kanet::BoundedName<Traits>> {
     return std::hash<std::string>()(n.toString());
   }
 };
+
+KEL_TYPE_NAME(Kanet::NamespaceName, "Kanet::NamespaceName")
+KEL_TYPE_NAME(Ip::VrfName, "Ip::VrfName")

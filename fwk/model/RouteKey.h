@@ -67,3 +67,6 @@ template <class P>
 struct std::hash<RoutingModel::RouteKeyT<P>> {
   size_t operator()(const RoutingModel::RouteKeyT<P>& k) const noexcept { return k.hash(); }
 };
+
+KEL_TYPE_NAME(Routing::RouteKey, "Routing::RouteKey")
+KEL_TYPE_NAME(Routing6::RouteKey, "Routing6::RouteKey")

@@ -33,6 +33,12 @@ struct ViaT {
   }
 };
 
+// The type name of the IPv4 or the IPv6 instance of a routing model template.
+template <class Addr>
+constexpr const char* familyName(const char* ip4, const char* ip6) {
+  return Addr::bits == 128 ? ip6 : ip4;
+}
+
 enum RouteType : std::uint8_t { routeTypeUnicast = 0, routeTypeBlackhole = 1 };
 
 template <class KeyT, class AddrT>
@@ -46,7 +52,7 @@ class RouteT : public Kel::Entity {
   A(SCALAR, tag, Tag, std::uint32_t, 0)            \
   A(SCALAR, routeType, RouteType, std::uint8_t, 0) \
   A(COLLECTION, via, Via, Via, bool)
-  KEL_ENTITY(RouteT, "Routing::Route", KEL_ATTRS_RoutingRoute)
+  KEL_ENTITY(RouteT, familyName<AddrT>("Routing::Route", "Routing6::Route"), KEL_ATTRS_RoutingRoute)
 #undef KEL_ATTRS_RoutingRoute
 
   explicit RouteT(const Key& k) : Kel::Entity(k.toString()) { kelInputsIs(k); }
@@ -64,7 +70,8 @@ class RouteInputT : public Kel::Entity {
   A(SCALAR, preference, Preference, std::uint8_t, 0)              \
   A(SCALAR, redistributeName, RedistributeName, Kel::String8, "") \
   A(COLLECTION, route, Route, Key, RoutePtr)
-  KEL_ENTITY(RouteInputT, "Routing::RouteInput", KEL_ATTRS_RoutingRouteInput)
+  KEL_ENTITY(RouteInputT, familyName<AddrT>("Routing::RouteInput", "Routing6::RouteInput"),
+             KEL_ATTRS_RoutingRouteInput)
 #undef KEL_ATTRS_RoutingRouteInput
 
   explicit RouteInputT(Kel::Name name) : Kel::Entity(std::move(name)) {}
@@ -82,7 +89,8 @@ template <class Key>
 class ConfigT : public Kel::Entity {
  public:
 #define KEL_ATTRS_RoutingConfig(A) A(POINTER, routeInputDir, RouteInputDir, Kel::Dir)
-  KEL_ENTITY(ConfigT, "Routing::Config", KEL_ATTRS_RoutingConfig)
+  KEL_ENTITY(ConfigT, familyName<typename Key::Addr>("Routing::Config", "Routing6::Config"),
+             KEL_ATTRS_RoutingConfig)
 #undef KEL_ATTRS_RoutingConfig
 
   explicit ConfigT(Kel::Name name) : Kel::Entity(std::move(name)) {}
@@ -110,3 +118,6 @@ struct std::hash<RoutingModel::ViaT<Addr>> {
     return std::hash<Kanet::IntfId>()(v.intfId) * 31 + std::hash<Addr>()(v.hop);
   }
 };
+
+KEL_TYPE_NAME(Routing::Via, "Routing::Via")
+KEL_TYPE_NAME(Routing6::Via, "Routing6::Via")

@@ -18,21 +18,21 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class RouteBacklogT : public Kel::Entity {
+class RouteBacklogT : public Kel::ReferencedEntity {
  public:
   using Key = typename Traits::Key;
-#define KEL_ATTRS_RouteBacklog(A)                         \
-  A(COLLECTION, backlog, Backlog, Key, bool)              \
-  A(SCALAR, backlogQuantum, BacklogQuantum, double, 0.08) \
-  A(SCALAR, backlogDelay, BacklogDelay, double, 0.04)
+#define KEL_ATTRS_RouteBacklog(A)                  \
+  A(COLLECTION, backlog, Backlog, Key, bool)       \
+  A(SECONDS, backlogQuantum, BacklogQuantum, 0.08) \
+  A(SECONDS, backlogDelay, BacklogDelay, 0.04)
   KEL_ENTITY(RouteBacklogT, Traits::routeBacklogType, KEL_ATTRS_RouteBacklog)
 #undef KEL_ATTRS_RouteBacklog
 
-  explicit RouteBacklogT(Kel::Name name) : Kel::Entity(std::move(name)) {}
+  explicit RouteBacklogT(Kel::Name name) : Kel::ReferencedEntity(std::move(name)) {}
 };
 
 template <class Traits>
-class UnresolvedRouteBacklogT : public Kel::Entity {
+class UnresolvedRouteBacklogT : public Kel::ReferencedEntity {
  public:
   using Key = typename Traits::Key;
 #define KEL_ATTRS_UnresolvedRouteBacklog(A) A(COLLECTION, backlog, Backlog, Key, bool)
@@ -40,7 +40,7 @@ class UnresolvedRouteBacklogT : public Kel::Entity {
              KEL_ATTRS_UnresolvedRouteBacklog)
 #undef KEL_ATTRS_UnresolvedRouteBacklog
 
-  explicit UnresolvedRouteBacklogT(Kel::Name name) : Kel::Entity(std::move(name)) {}
+  explicit UnresolvedRouteBacklogT(Kel::Name name) : Kel::ReferencedEntity(std::move(name)) {}
 };
 
 using RouteBacklog = RouteBacklogT<Ip4RouteTraits>;

@@ -19,7 +19,7 @@ RouteBacklogSmT<Traits>::RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr
                                          const RouteInputPtr& routeInput, gw_entry* gwp,
                                          const DevDirPtr& kernelIntfStatusDir,
                                          const ManagerPtr& intfStatusManager)
-    : Kel::Entity(backlog ? backlog->name() : Kel::Name()) {
+    : Kel::Reactor(backlog ? backlog->name() : Kel::Name()) {
   kelInputsIs(clock, backlog, unresolved, routeInput, gwp, kernelIntfStatusDir, intfStatusManager);
   kelBacklogClock_.notifierIs(clock);
   kelRouteBacklog_.notifierIs(backlog);

@@ -27,7 +27,7 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class RouteBacklogSmT : public Kel::Entity {
+class RouteBacklogSmT : public Kel::Reactor {
  public:
   using Key = typename Traits::Key;
   using RouteInput = typename Traits::RouteInput;
@@ -77,12 +77,18 @@ class RouteBacklogSmT : public Kel::Entity {
   A(SCALAR, initialized, Initialized, bool, false)                        \
   A(HANDLER, handleInitialized, HandleInitialized)                        \
   A(HANDLER, handleBacklog, HandleBacklog)                                \
-  A(HANDLER, doAddBacklog, DoAddBacklog)                                  \
+  A(ACTION, doAddBacklog, DoAddBacklog)                                   \
   A(HANDLER, doAddRoute, DoAddRoute)                                      \
   A(HANDLER, doDeleteRoute, DoDeleteRoute)                                \
   A(HANDLER, doPrepareToDie, DoPrepareToDie)
   KEL_ENTITY(RouteBacklogSmT, Traits::routeBacklogSmType, KEL_ATTRS_RouteBacklogSm)
 #undef KEL_ATTRS_RouteBacklogSm
+#define KEL_TWINS_RouteBacklogSm(T)                         \
+  T(INPUT, routeBacklog, route6Backlog)                     \
+  T(INPUT, unresolvedRouteBacklog, unresolvedRoute6Backlog) \
+  T(INPUT, routeInput, route6Input)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_RouteBacklogSm)
+#undef KEL_TWINS_RouteBacklogSm
 
   RouteBacklogSmT(const ClockPtr& clock, const BacklogPtr& backlog, const UnresolvedPtr& unresolved,
                   const RouteInputPtr& routeInput, gw_entry* gwp,

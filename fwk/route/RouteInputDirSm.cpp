@@ -9,7 +9,7 @@ template <class Traits>
 RouteInputDirSmT<Traits>::RouteInputDirSmT(const DirPtr& routeInputDir,
                                            const DevDirPtr& kernelIntfStatusDir,
                                            const ManagerPtr& intfStatusManager)
-    : Kel::Entity(routeInputDir ? routeInputDir->name() : Kel::Name()) {
+    : Kel::Reactor(routeInputDir ? routeInputDir->name() : Kel::Name()) {
   kelInputsIs(routeInputDir, kernelIntfStatusDir, intfStatusManager);
   kelRouteInputDir_.notifierIs(routeInputDir);
 }

@@ -21,7 +21,7 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class RouteInputDirSmT : public Kel::Entity {
+class RouteInputDirSmT : public Kel::Reactor {
  public:
   using RouteInput = typename Traits::RouteInput;
   using InputSm = RouteInputSmT<Traits>;
@@ -51,6 +51,12 @@ class RouteInputDirSmT : public Kel::Entity {
   A(HANDLER, doPrepareToDie, DoPrepareToDie)
   KEL_ENTITY(RouteInputDirSmT, Traits::routeInputDirSmType, KEL_ATTRS_RouteInputDirSm)
 #undef KEL_ATTRS_RouteInputDirSm
+#define KEL_TWINS_RouteInputDirSm(T)       \
+  T(INPUT, routeInputDir, route6InputDir)  \
+  T(CHILDREN, routeInputSm, route6InputSm) \
+  T(HANDLER, handleRouteInputDir, handleRoute6InputDir)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_RouteInputDirSm)
+#undef KEL_TWINS_RouteInputDirSm
 
   RouteInputDirSmT(const DirPtr& routeInputDir, const DevDirPtr& kernelIntfStatusDir,
                    const ManagerPtr& intfStatusManager);
@@ -61,12 +67,6 @@ class RouteInputDirSmT : public Kel::Entity {
   // Creates or tears down the reactor of one name (see above).
   void handleRouteInputDir(const Kel::Name& name);
   void doPrepareToDie();
-
-  // The IPv6 spelling of the handlers.
-  void handleRoute6InputDir() requires Traits::isIp6 { handleRouteInputDir(); }
-  void handleRoute6InputDir(const Kel::Name& name) requires Traits::isIp6 {
-    handleRouteInputDir(name);
-  }
 
  private:
   KelRouteInputDir kelRouteInputDir_{this};

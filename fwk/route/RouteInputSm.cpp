@@ -15,7 +15,7 @@ template <class Traits>
 RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputPtr& routeInput,
                                      const DevDirPtr& kernelIntfStatusDir,
                                      const ManagerPtr& intfStatusManager)
-    : Kel::Entity(Kel::Name(name)) {
+    : Kel::Reactor(Kel::Name(name)) {
   kelInputsIs(name, routeInput, kernelIntfStatusDir, intfStatusManager);
   kelRouteInput_.notifierIs(routeInput);
   if (!routeInput) return;

@@ -25,7 +25,7 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class RouteInputSmT : public Kel::Entity {
+class RouteInputSmT : public Kel::Reactor {
  public:
   using Key = typename Traits::Key;
   using RouteInput = typename Traits::RouteInput;
@@ -83,6 +83,13 @@ class RouteInputSmT : public Kel::Entity {
   A(HANDLER, handleRoute, HandleRoute)
   KEL_ENTITY(RouteInputSmT, Traits::routeInputSmType, KEL_ATTRS_RouteInputSm)
 #undef KEL_ATTRS_RouteInputSm
+#define KEL_TWINS_RouteInputSm(T)                           \
+  T(INPUT, routeInput, route6Input)                         \
+  T(CHILD, routeBacklog, route6Backlog)                     \
+  T(CHILD, unresolvedRouteBacklog, unresolvedRoute6Backlog) \
+  T(CHILD, routeBacklogSm, route6BacklogSm)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_RouteInputSm)
+#undef KEL_TWINS_RouteInputSm
 
   RouteInputSmT(const Kel::String8& name, const RouteInputPtr& routeInput,
                 const DevDirPtr& kernelIntfStatusDir, const ManagerPtr& intfStatusManager);

@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "fwk/daemon/corvd.h"
+#include "fwk/framework/TypeName.h"
 #include "fwk/model/RoutingModel.h"
 
 namespace InterfaceRouteInfo {
@@ -103,3 +104,6 @@ struct Ip6RouteTraits {
 };
 
 }  // namespace InterfaceRouteInfo
+
+// The daemon gateway entry a route reactor owns, as the registry names it.
+KEL_TYPE_NAME(gw_entry*, "_gw_entry*")

@@ -9,7 +9,7 @@ template <class Traits>
 RoutingConfigSmT<Traits>::RoutingConfigSmT(const ConfigPtr& routingConfig,
                                            const DevDirPtr& kernelIntfStatusDir,
                                            const ManagerPtr& intfStatusManager)
-    : Kel::Entity(routingConfig ? routingConfig->name() : Kel::Name()) {
+    : Kel::Reactor(routingConfig ? routingConfig->name() : Kel::Name()) {
   kelInputsIs(routingConfig, kernelIntfStatusDir, intfStatusManager);
   kelRoutingConfig_.notifierIs(routingConfig);
 }

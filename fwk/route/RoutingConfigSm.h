@@ -16,7 +16,7 @@
 namespace InterfaceRouteInfo {
 
 template <class Traits>
-class RoutingConfigSmT : public Kel::Entity {
+class RoutingConfigSmT : public Kel::Reactor {
  public:
   using Config = typename Traits::Config;
   using DirSm = RouteInputDirSmT<Traits>;
@@ -44,6 +44,11 @@ class RoutingConfigSmT : public Kel::Entity {
   A(HANDLER, handleRouteInputDir, HandleRouteInputDir)
   KEL_ENTITY(RoutingConfigSmT, Traits::routingConfigSmType, KEL_ATTRS_RoutingConfigSm)
 #undef KEL_ATTRS_RoutingConfigSm
+#define KEL_TWINS_RoutingConfigSm(T)      \
+  T(INPUT, routingConfig, routing6Config) \
+  T(CHILD, routeInputDirSm, route6InputDirSm)
+  KEL_TWIN_NAMES(Traits::isIp6, KEL_TWINS_RoutingConfigSm)
+#undef KEL_TWINS_RoutingConfigSm
 
   RoutingConfigSmT(const ConfigPtr& routingConfig, const DevDirPtr& kernelIntfStatusDir,
                    const ManagerPtr& intfStatusManager);

@@ -11,6 +11,7 @@
 #include "fwk/daemon/host_conf.h"
 #include "fwk/framework/Exception.h"
 #include "tools/corvd-sim/ScenarioArgs.h"
+#include "tools/corvd-sim/ScenarioGeneric.h"
 #include "tools/corvd-sim/World.h"
 
 namespace CorvdSim {
@@ -546,6 +547,14 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
           out_ << "== interfaces vrf " << name << "\n" << corvd_show_interfaces();
         }
       }
+    } else if (isGenericCommand(cmd)) {
+      runGenericCommand(
+          w,
+          [&](const std::string& vrf) -> World* {
+            auto it = s.worlds.find(vrf);
+            return it == s.worlds.end() ? nullptr : it->second.get();
+          },
+          out_);
     } else {
       fail("unknown command '" + cmd.substr(0, 40) + "'");
     }

@@ -36,6 +36,11 @@
 //   run SECONDS                        runs every world's loop for that much manual time (finite,
 //                                      decimal, not negative)
 //   show routes|interfaces [vrf V] [json]   prints the daemon's table of V, or of every VRF
+//   get PATH                           prints a module attribute's value alone on a line
+//   set PATH VALUE                     sets a settable attribute (backlogQuantum, backlogDelay)
+//   ls PATH                            lists an object's attributes or a collection's members
+//   call PATH OPERATION ARGS           runs an operation (doAddBacklog)
+//                                      PATH: root-VRF/attr/attr[KEY]/...; ScenarioGeneric.h
 //
 // A `via` takes the next hop, a `dev` the interface; one `via` and one `dev` in a row make one
 // next hop with both. Every line is checked whole before anything of it is applied; an error
