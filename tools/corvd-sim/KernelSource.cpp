@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "tools/corvd-sim/Netlink.h"
+
 namespace CorvdSim {
 
 namespace {
@@ -18,25 +20,8 @@ constexpr std::uint32_t kMaxMtu = 65535;  // the interface status holds 16 bits
 constexpr std::size_t kMaxAddrs = 62;     // addresses one "ip" line takes
 constexpr char kDefault[] = "default";
 
-// Attribute tables filled by mnl_attr_parse: tb[type] is the last attribute of that type.
-template <int N>
-struct Attrs {
-  const nlattr* tb[N + 1] = {};
-  static int collect(const nlattr* a, void* data) {
-    auto* self = static_cast<Attrs*>(data);
-    const int type = mnl_attr_get_type(a);
-    if (mnl_attr_type_valid(a, N) > 0) self->tb[type] = a;
-    return MNL_CB_OK;
-  }
-  const nlattr* operator[](int type) const { return tb[type]; }
-};
-
 bool payloadAtLeast(const nlattr* a, std::size_t n) {
   return a && mnl_attr_get_payload_len(a) >= n;
-}
-
-std::uint32_t u32(const nlattr* a, std::uint32_t dflt) {
-  return mnl_attr_validate(a, MNL_TYPE_U32) == 0 ? mnl_attr_get_u32(a) : dflt;
 }
 
 std::string addrText(int family, const nlattr* a) {
@@ -54,11 +39,6 @@ std::string macText(const nlattr* a) {
   std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4],
                 b[5]);
   return buf;
-}
-
-std::string str(const nlattr* a) {
-  if (!a || mnl_attr_validate(a, MNL_TYPE_NUL_STRING) != 0) return {};
-  return mnl_attr_get_str(a);
 }
 
 // The daemon's preference for a kernel protocol's input: connected routes first, then static,
@@ -161,7 +141,7 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
   }
   Attrs<IFLA_MAX> tb;
   mnl_attr_parse(nlh, sizeof(*ifi), Attrs<IFLA_MAX>::collect, &tb);
-  const std::string name = str(tb[IFLA_IFNAME]);
+  const std::string name = attrStr(tb[IFLA_IFNAME]);
   if (index == 0 || name.empty() || name.size() > 15 || name.find('/') != std::string::npos) {
     ++counters_.ignored;
     return;
@@ -174,19 +154,17 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
   l.flags = ifi->ifi_flags;
   // A change message may leave out what did not change; a dump gives everything.
   if (tb[IFLA_ADDRESS]) l.mac = macText(tb[IFLA_ADDRESS]);
-  if (tb[IFLA_MTU]) l.mtu = u32(tb[IFLA_MTU], l.mtu);
-  if (mnl_attr_validate(tb[IFLA_OPERSTATE], MNL_TYPE_U8) == 0) {
-    l.oper = mnl_attr_get_u8(tb[IFLA_OPERSTATE]);
-  }
-  l.master = u32(tb[IFLA_MASTER], 0);
+  if (tb[IFLA_MTU]) l.mtu = attrU32(tb[IFLA_MTU], l.mtu);
+  l.oper = attrU8(tb[IFLA_OPERSTATE], l.oper);
+  l.master = attrU32(tb[IFLA_MASTER], 0);
   l.gen = gen_;
   if (tb[IFLA_LINKINFO]) {
     Attrs<IFLA_INFO_MAX> info;
     mnl_attr_parse_nested(tb[IFLA_LINKINFO], Attrs<IFLA_INFO_MAX>::collect, &info);
-    if (str(info[IFLA_INFO_KIND]) == "vrf" && info[IFLA_INFO_DATA]) {
+    if (attrStr(info[IFLA_INFO_KIND]) == "vrf" && info[IFLA_INFO_DATA]) {
       Attrs<IFLA_VRF_MAX> vrf;
       mnl_attr_parse_nested(info[IFLA_INFO_DATA], Attrs<IFLA_VRF_MAX>::collect, &vrf);
-      l.table = u32(vrf[IFLA_VRF_TABLE], 0);
+      l.table = attrU32(vrf[IFLA_VRF_TABLE], 0);
       l.isVrf = l.table != 0 && name != kDefault;
     }
   }
@@ -301,7 +279,7 @@ void KernelSource::addrMessage(const nlmsghdr* nlh) {
     return;
   }
   ++counters_.messages;
-  const std::uint32_t flags = u32(tb[IFA_FLAGS], ifa->ifa_flags);
+  const std::uint32_t flags = attrU32(tb[IFA_FLAGS], ifa->ifa_flags);
   const std::string text = a + "/" + std::to_string(ifa->ifa_prefixlen);
   auto& addrs = (family == AF_INET ? v4_ : v6_)[ifa->ifa_index];
   auto it = std::find_if(addrs.begin(), addrs.end(), [&](const Addr& x) { return x.text == text; });
@@ -366,7 +344,7 @@ void KernelSource::routeMessage(const nlmsghdr* nlh) {
   }
   Attrs<RTA_MAX> tb;
   mnl_attr_parse(nlh, sizeof(*rtm), Attrs<RTA_MAX>::collect, &tb);
-  const std::uint32_t table = u32(tb[RTA_TABLE], rtm->rtm_table);
+  const std::uint32_t table = attrU32(tb[RTA_TABLE], rtm->rtm_table);
   if (table == RT_TABLE_LOCAL) {
     ++counters_.ignored;
     return;
@@ -384,7 +362,7 @@ void KernelSource::routeMessage(const nlmsghdr* nlh) {
   }
   const RouteKey key{table, static_cast<std::uint8_t>(family), rtm->rtm_protocol,
                      dst + "/" + std::to_string(rtm->rtm_dst_len)};
-  const std::uint32_t metric = u32(tb[RTA_PRIORITY], 0);
+  const std::uint32_t metric = attrU32(tb[RTA_PRIORITY], 0);
   RouteSlot& slot = routes_[key];
   if (nlh->nlmsg_type == RTM_DELROUTE) {
     slot.byMetric.erase(metric);
@@ -409,7 +387,7 @@ void KernelSource::routeMessage(const nlmsghdr* nlh) {
       hop(sub[RTA_GATEWAY], static_cast<std::uint32_t>(nh->rtnh_ifindex));
     }
   } else {
-    hop(tb[RTA_GATEWAY], u32(tb[RTA_OIF], 0));
+    hop(tb[RTA_GATEWAY], attrU32(tb[RTA_OIF], 0));
   }
   if (!path.blackhole && path.vias.empty()) {
     ++counters_.ignored;

@@ -98,9 +98,9 @@ NetlinkSocket::~NetlinkSocket() {
 
 int NetlinkSocket::fd() const { return mnl_socket_get_fd(nl_); }
 
-void NetlinkSocket::send(const nlmsghdr* nlh) {
+void NetlinkSocket::send(const void* buf, std::size_t len) {
   for (;;) {
-    if (mnl_socket_sendto(nl_, nlh, nlh->nlmsg_len) >= 0) return;
+    if (mnl_socket_sendto(nl_, buf, len) >= 0) return;
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == ENOBUFS) {
       // The socket's send queue is full: wait until it drains.

@@ -32,6 +32,29 @@ int openNetns(const std::string& netns);
 // namespace cannot be entered (CAP_SYS_ADMIN is needed).
 void inNetns(const std::string& netns, const std::function<void()>& fn);
 
+// An attribute table filled by mnl_attr_parse and its relatives (pass Attrs<MAX>::collect and
+// the table): tb[type] is the last attribute of that type, null when absent or above MAX.
+template <int N>
+struct Attrs {
+  const nlattr* tb[N + 1] = {};
+  static int collect(const nlattr* a, void* data) {
+    if (mnl_attr_type_valid(a, N) > 0) static_cast<Attrs*>(data)->tb[mnl_attr_get_type(a)] = a;
+    return MNL_CB_OK;
+  }
+  const nlattr* operator[](int type) const { return tb[type]; }
+};
+
+// The attribute's value when it is present and well formed, `dflt` (or "") otherwise.
+inline std::uint32_t attrU32(const nlattr* a, std::uint32_t dflt) {
+  return a && mnl_attr_validate(a, MNL_TYPE_U32) == 0 ? mnl_attr_get_u32(a) : dflt;
+}
+inline std::uint8_t attrU8(const nlattr* a, std::uint8_t dflt) {
+  return a && mnl_attr_validate(a, MNL_TYPE_U8) == 0 ? mnl_attr_get_u8(a) : dflt;
+}
+inline std::string attrStr(const nlattr* a) {
+  return a && mnl_attr_validate(a, MNL_TYPE_NUL_STRING) == 0 ? mnl_attr_get_str(a) : "";
+}
+
 class NetlinkSocket {
  public:
   using Handler = std::function<void(const nlmsghdr*)>;
@@ -49,7 +72,9 @@ class NetlinkSocket {
   std::uint32_t seqNew() { return ++seq_; }
 
   // Sends the message (its sequence number and port already set). Throws NetlinkError.
-  void send(const nlmsghdr* nlh);
+  void send(const nlmsghdr* nlh) { send(nlh, nlh->nlmsg_len); }
+  // Sends `len` bytes of consecutive messages in one datagram.
+  void send(const void* buf, std::size_t len);
   // Sends a dump request of `type` (RTM_GETLINK, ...) for `family` and hands every answer, and
   // every notification arriving meanwhile, to `fn`, until the dump is done. Returns false when
   // the kernel dropped messages meanwhile (the dump must be started again).
