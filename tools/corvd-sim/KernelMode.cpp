@@ -19,7 +19,6 @@ namespace CorvdSim {
 namespace {
 
 constexpr double kReadSlice = 0.02;  // seconds of reading before the worlds get their turn
-constexpr int kSourceBuffer = 64 << 20;
 
 double monotonic() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -51,7 +50,11 @@ std::uint64_t daemonVersion() {
 }  // namespace
 
 KernelRunner::KernelRunner(const KernelOptions& opts, std::ostream& out)
-    : opts_(opts), out_(out), scenario_(out, true), nl_(opts.netns, sourceGroups(), kSourceBuffer) {
+    : opts_(opts),
+      out_(out),
+      scenario_(out, true),
+      nl_(opts.netns, sourceGroups(), opts.sourceBuffer),
+      dump_(opts.netns, {}, 4 << 20) {
   if (!opts.fibNetns.empty()) {
     if (sameNetns(opts.netns, opts.fibNetns)) {
       throw NetlinkError("--fib " + opts.fibNetns +
@@ -90,12 +93,14 @@ void KernelRunner::resync(unsigned kinds) {
   for (;;) {
     source_->dumpBegin(kinds);
     bool complete = true;
-    if (kinds & KernelSource::kLinks) complete = complete && nl_.dump(RTM_GETLINK, AF_UNSPEC, each);
-    if (kinds & KernelSource::kAddrs) complete = complete && nl_.dump(RTM_GETADDR, AF_UNSPEC, each);
+    if (kinds & KernelSource::kLinks)
+      complete = complete && dump_.dump(RTM_GETLINK, AF_UNSPEC, each);
+    if (kinds & KernelSource::kAddrs)
+      complete = complete && dump_.dump(RTM_GETADDR, AF_UNSPEC, each);
     if ((kinds & KernelSource::kRoutes4) && (kinds & KernelSource::kRoutes6)) {
-      complete = complete && nl_.dump(RTM_GETROUTE, AF_UNSPEC, each);
+      complete = complete && dump_.dump(RTM_GETROUTE, AF_UNSPEC, each);
     } else if (kinds & KernelSource::kRoutes4) {
-      complete = complete && nl_.dump(RTM_GETROUTE, AF_INET, each);
+      complete = complete && dump_.dump(RTM_GETROUTE, AF_INET, each);
     }
     if (complete) break;
     // Messages were dropped during the dump: everything is dumped again.

@@ -9,6 +9,9 @@
 // their quantum and delay in real time while the kernel keeps changing.
 // An overrun (the kernel dropped messages: ENOBUFS) is counted and answered by a full dump of
 // links, addresses and routes, which brings the worlds back in line; no change is lost silently.
+// Dumps go through a second socket that joins no group, so that a queue full of notifications
+// cannot stall them; notifications queued meanwhile are applied afterwards, and since each one
+// carries the whole state of its object, the last one of each object wins as in the kernel.
 #pragma once
 
 #include <cstdint>
@@ -24,11 +27,12 @@
 namespace CorvdSim {
 
 struct KernelOptions {
-  std::string netns;       // the source namespace
-  std::string fibNetns;    // the forwarding table's namespace; empty for none
-  double forSeconds = -1;  // how long to run; negative: until interrupted
-  bool json = false;       // `show` output as JSON
-  bool fibKeep = false;    // leave the installed routes in place on exit
+  std::string netns;            // the source namespace
+  std::string fibNetns;         // the forwarding table's namespace; empty for none
+  double forSeconds = -1;       // how long to run; negative: until interrupted
+  bool json = false;            // `show` output as JSON
+  bool fibKeep = false;         // leave the installed routes in place on exit
+  int sourceBuffer = 64 << 20;  // receive buffer of the source socket, bytes (tests make it small)
 };
 
 class KernelRunner final : private Publisher {
@@ -64,7 +68,8 @@ class KernelRunner final : private Publisher {
   KernelOptions opts_;
   std::ostream& out_;
   Scenario scenario_;
-  NetlinkSocket nl_;
+  NetlinkSocket nl_;    // notifications
+  NetlinkSocket dump_;  // dumps
   std::unique_ptr<KernelSource> source_;
   std::unique_ptr<FibSink> fib_;
   std::map<std::string, std::uint64_t> daemonVersions_;  // by VRF, see runWorlds

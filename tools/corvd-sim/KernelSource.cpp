@@ -118,13 +118,15 @@ void KernelSource::dumpEnd(unsigned kinds) {
       }
     }
   }
+  std::vector<RouteKey> changed;  // syncRoute may erase from routes_
   for (auto& [key, slot] : routes_) {
     const bool dumped = key.family == AF_INET ? (kinds & kRoutes4) : (kinds & kRoutes6);
     if (!dumped) continue;
     const auto n = slot.byMetric.size();
     std::erase_if(slot.byMetric, [&](const auto& p) { return p.second.gen != gen_; });
-    if (slot.byMetric.size() != n) syncRoute(key);
+    if (slot.byMetric.size() != n) changed.push_back(key);
   }
+  for (const auto& key : changed) syncRoute(key);
 }
 
 void KernelSource::linkMessage(const nlmsghdr* nlh) {
@@ -150,6 +152,8 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
   if (found != links_.end() && found->second.name != name) linkGone(index);  // renamed
   Link& l = links_[index];
   const bool wasVrf = l.isVrf;
+  // A device going down loses its IPv4 routes without a message.
+  if ((l.flags & ~ifi->ifi_flags) & (IFF_UP | IFF_LOWER_UP)) routeDumpWanted_ = true;
   l.name = name;
   l.flags = ifi->ifi_flags;
   // A change message may leave out what did not change; a dump gives everything.
