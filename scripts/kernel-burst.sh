@@ -2,7 +2,8 @@
 # Measures corvd-sim's kernel mode on a burst: 100,000 IPv4 routes added with `ip -batch` into a
 # source namespace while `corvd-sim --kernel SRC --fib DST` runs. Prints, per run, the wall time
 # from the start of the burst until the target namespace holds every route of protocol 73, the
-# routes per second, the netlink overruns and the longest slice of corvd-sim's loop.
+# time `ip -batch` itself took, the routes per second, the netlink overruns and the longest
+# slice of corvd-sim's loop (one read of the socket or one world's run of its due clocks).
 # Needs root and iproute2; builds nothing (run scripts/test.sh or a build first).
 #   scripts/kernel-burst.sh [RUNS] [ROUTES]
 set -euo pipefail
@@ -37,6 +38,7 @@ for ((run = 1; run <= runs; ++run)); do
   sleep 1
   start=$(date +%s.%N)
   ip -n "$src" -batch "$tmp/batch"
+  added=$(date +%s.%N)
   while [ "$(ip -n "$dst" route show proto 73 | wc -l)" -lt $((routes + 1)) ]; do sleep 0.05; done
   end=$(date +%s.%N)
   kill -INT "$pid"
@@ -45,8 +47,9 @@ for ((run = 1; run <= runs; ++run)); do
   line=$(grep "^== kernel" "$tmp/out")
   overruns=$(sed 's/.* overruns \([0-9]*\).*/\1/' <<<"$line")
   slice=$(sed 's/.* longest-slice \([0-9.e-]*\).*/\1/' <<<"$line")
-  awk -v s="$start" -v e="$end" -v n="$routes" -v o="$overruns" -v l="$slice" -v r="$run" \
-    'BEGIN { printf "run %d: %.2f s, %.0f routes/s, overruns %d, longest slice %.3f s\n", r, e - s, n / (e - s), o, l }'
+  awk -v s="$start" -v a="$added" -v e="$end" -v n="$routes" -v o="$overruns" -v l="$slice" \
+    -v r="$run" 'BEGIN { printf "run %d: %.2f s (ip -batch %.2f s), %.0f routes/s, overruns %d, " \
+    "longest slice %.3f s\n", r, e - s, a - s, n / (e - s), o, l }'
   ip netns del "$src"
   ip netns del "$dst"
 done

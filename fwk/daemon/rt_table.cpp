@@ -386,6 +386,12 @@ std::size_t rt_entry_count() { return t.liveEntries; }
 
 bool rt_entry_alive(const rt_entry* rt) { return rt && rt->rt_magic == ENTRY_LIVE; }
 
+void rt_head_visit(void (*fn)(rt_head*, void*), void* arg) {
+  for (rt_head& h : t.heads) {
+    if (h.rth_routes) fn(&h, arg);
+  }
+}
+
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg) {
   std::vector<rt_head*> all;
   for (rt_head& h : t.heads) {

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <iostream>
 
@@ -19,23 +20,32 @@ constexpr std::size_t kBatchBytes = 32 * 1024;  // requests sent in one datagram
 constexpr std::size_t kMaxRequest = 8 * 1024;   // a request with RT_N_MULTIPATH hops fits
 constexpr int kReportedFailures = 5;            // refusals written to stderr
 
+constexpr double kSyncSlice = 0.04;  // seconds of requests per sync; the rest waits a turn
+constexpr int kBudgetCheck = 64;     // requests between two reads of the clock
+
 int addrLen(std::uint8_t family) { return family == AF_INET ? 4 : 16; }
 
-void collect(rt_head* h, void* arg) {
-  auto& out = *static_cast<std::map<FibSink::Prefix, FibSink::Route>*>(arg);
+double monotonicNow() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// The active entry of `h` as a route to install into `r` (its vector reused); false when the
+// prefix has none.
+bool activeRoute(const rt_head* h, FibSink::Prefix& p, FibSink::Route& r) {
   const rt_entry* rt = h->rth_active;
-  if (!rt) return;
+  if (!rt) return false;
   int len = 0;
   const std::uint8_t* bytes = sockaddr_bytes(&h->rth_dest, &len);
-  if (!bytes || (len != 4 && len != 16)) return;
-  FibSink::Prefix p{static_cast<std::uint8_t>(len == 4 ? AF_INET : AF_INET6), {}, h->rth_plen};
+  if (!bytes || (len != 4 && len != 16)) return false;
+  p = FibSink::Prefix{static_cast<std::uint8_t>(len == 4 ? AF_INET : AF_INET6), {}, h->rth_plen};
   std::memcpy(p.addr.data(), bytes, len);
-  FibSink::Route r;
   r.blackhole = rt->rt_adj.adj_n_gw == 0;
+  r.hops.resize(rt->rt_adj.adj_n_gw);
   for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
     const sockaddr_un* router = rt->rt_adj.adj_routers[j];
     const if_addr* ifap = rt->rt_adj.adj_ifaps[j];
-    FibSink::Hop hop;
+    FibSink::Hop& hop = r.hops[j];
+    hop = FibSink::Hop{};
     hop.family = p.family;
     if (ifap) hop.dev = ifap->ifa_info.ifi_link->ifl_name;
     // A gateway that is the router's own address is the interface itself: a device route.
@@ -47,9 +57,8 @@ void collect(rt_head* h, void* arg) {
         hop.hasGw = true;
       }
     }
-    r.hops.push_back(hop);
   }
-  out[p] = r;
+  return true;
 }
 
 }  // namespace
@@ -227,36 +236,51 @@ void FibSink::flush() {
   pending_.clear();
 }
 
+struct FibSink::Walk {
+  FibSink* self;
+  const std::string& vrf;
+  std::uint32_t table;
+  std::map<Prefix, Installed>& have;
+  Prefix p{};
+  Route r;
+};
+
+void FibSink::visit(rt_head* h, void* arg) {
+  auto& w = *static_cast<Walk*>(arg);
+  if (!activeRoute(h, w.p, w.r)) return;
+  auto it = w.have.find(w.p);
+  const bool isNew = it == w.have.end();
+  if (!isNew) it->second.gen = w.self->gen_;
+  if (!isNew && it->second.route == w.r) return;
+  if (w.self->overBudget()) return;                         // the next sync comes back to it
+  if (!w.self->request(w.p, &w.r, w.table, w.vrf)) return;  // not installable: swept below
+  ++(isNew ? w.self->counters_.installed : w.self->counters_.changed);
+  w.have[w.p] = Installed{w.r, w.self->gen_};
+}
+
+bool FibSink::overBudget() {
+  if (behind_) return true;
+  if (++requests_ % kBudgetCheck == 0 && monotonicNow() > sliceEnd_) behind_ = true;
+  return behind_;
+}
+
 void FibSink::sync(const std::string& vrf) {
   const std::uint32_t table = tableOf(vrf);
   if (!table) return;
-  std::map<Prefix, Route> want;
-  rt_head_walk(collect, &want);
-  auto& have = installed_[vrf];
-  for (auto it = have.begin(); it != have.end();) {
-    if (want.count(it->first)) {
+  ++gen_;
+  behind_ = false;
+  sliceEnd_ = monotonicNow() + kSyncSlice;
+  Walk walk{this, vrf, table, installed_[vrf], {}, {}};
+  rt_head_visit(visit, &walk);
+  // What the walk did not see (gone, or no longer installable) is deleted.
+  for (auto it = walk.have.begin(); it != walk.have.end();) {
+    if (it->second.gen == gen_ || overBudget()) {
       ++it;
       continue;
     }
     request(it->first, nullptr, table, vrf);
     ++counters_.removed;
-    it = have.erase(it);
-  }
-  for (const auto& [p, r] : want) {
-    auto it = have.find(p);
-    if (it != have.end() && it->second == r) continue;
-    const bool isNew = it == have.end();
-    if (!request(p, &r, table, vrf)) {
-      // Not installable here: what was installed for the prefix goes.
-      if (!isNew) {
-        request(p, nullptr, table, vrf);
-        ++counters_.removed;
-        have.erase(it);
-      }
-      continue;
-    }
-    ++(isNew ? counters_.installed : counters_.changed);
-    have[p] = r;
+    it = walk.have.erase(it);
   }
   flush();
 }

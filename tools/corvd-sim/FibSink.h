@@ -5,12 +5,16 @@
 // found by name in the namespace, several gateways make a multipath route, no gateway a
 // blackhole. The VRF "default" goes into the main table, another VRF into the table of the
 // namespace's VRF device of that name (its routes are skipped while there is none).
-// sync() diffs against what it installed: a changed prefix is replaced in place, a prefix that
-// left is deleted. A route whose device the namespace lacks is not installed (counted as
-// unmapped) until the daemon changes it again. The kernel's refusals are counted and reported
-// on stderr, and the refused prefix is tried again at the next change.
-// On start the namespace's routes of kFibProtocol (stale, from an earlier run) are deleted; on
-// destruction the installed routes are deleted unless keepOnExit.
+// A sync sends requests for at most kSyncSlice seconds (a burst of 100k routes costs the kernel
+// far longer); behind() then says that another sync must follow, which resumes the work since
+// everything not yet done still differs.
+// sync() walks the daemon's table once and compares each active entry with what it installed
+// (O(prefixes) per call, no allocation for an unchanged prefix): a changed prefix is replaced in
+// place, a prefix that left is deleted. A route whose device the namespace lacks is not installed
+// (counted as unmapped) until the daemon changes it again. The kernel's refusals are counted and
+// reported on stderr, and the refused prefix is tried again at the next change. On start the
+// namespace's routes of kFibProtocol (stale, from an earlier run) are deleted; on destruction the
+// installed routes are deleted unless keepOnExit.
 #pragma once
 
 #include <array>
@@ -22,6 +26,8 @@
 #include <vector>
 
 #include "tools/corvd-sim/Netlink.h"
+
+struct _rt_head;
 
 namespace CorvdSim {
 
@@ -51,6 +57,8 @@ class FibSink {
   // Brings the table of `vrf` in line with the current daemon instance (the caller entered the
   // VRF's world).
   void sync(const std::string& vrf);
+  // True when the last sync ran out of its time slice with requests left: sync again soon.
+  bool behind() const { return behind_; }
   // The VRF stopped: its installed routes are deleted.
   void forget(const std::string& vrf);
   const Counters& counters() const { return counters_; }
@@ -81,13 +89,26 @@ class FibSink {
   bool request(const Prefix& p, const Route* r, std::uint32_t table, const std::string& vrf);
   void flush();
   void removeStale();
+  // Counts one request against the sync's time slice; true once it is spent.
+  bool overBudget();
+
+  struct Installed {
+    Route route;
+    std::uint64_t gen = 0;  // the sync that last saw it
+  };
+  struct Walk;
+  static void visit(::_rt_head* h, void* arg);
 
   NetlinkSocket nl_;
   int ioctlFd_ = -1;  // a datagram socket inside the namespace, to find devices by name
   bool keepOnExit_;
   Counters counters_;
-  std::map<std::string, std::map<Prefix, Route>> installed_;  // by VRF
-  std::map<std::string, std::uint32_t> tables_;               // VRF -> table, found once
+  std::map<std::string, std::map<Prefix, Installed>> installed_;  // by VRF
+  std::uint64_t gen_ = 0;
+  bool behind_ = false;
+  double sliceEnd_ = 0;
+  std::uint64_t requests_ = 0;
+  std::map<std::string, std::uint32_t> tables_;  // VRF -> table, found once
   std::vector<char> batch_;
   std::unordered_map<std::uint32_t, std::pair<std::string, Prefix>> pending_;  // by sequence
 };

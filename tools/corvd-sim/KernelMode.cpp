@@ -84,6 +84,7 @@ void KernelRunner::line(const std::string& text) {
 void KernelRunner::vrfGone(const std::string& vrf) {
   if (fib_) fib_->forget(vrf);
   daemonVersions_.erase(vrf);
+  fibBehind_.erase(vrf);
   scenario_.stopWorld(vrf);
 }
 
@@ -129,19 +130,24 @@ void KernelRunner::runWorlds() {
   scenario_.forEachWorld([&](World& w) {
     const double start = monotonic();
     w.activity().runUntil(w.activity().currentTime());
-    counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
-    if (!fib_) return;
     const std::uint64_t v = daemonVersion();
     auto [it, isNew] = daemonVersions_.try_emplace(w.vrf(), v);
-    if (!isNew && it->second == v) return;
+    if (fib_ && (isNew || it->second != v || fibBehind_.count(w.vrf()))) {
+      fib_->sync(w.vrf());
+      if (fib_->behind()) {
+        fibBehind_.insert(w.vrf());
+      } else {
+        fibBehind_.erase(w.vrf());
+      }
+    }
     it->second = v;
-    fib_->sync(w.vrf());
+    counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
   });
   World::leave();
 }
 
 bool KernelRunner::turn(double maxWait, int extraFd) {
-  double next = maxWait;
+  double next = fibBehind_.empty() ? maxWait : 0;
   scenario_.forEachWorld([&](World& w) {
     const double due = w.activity().nextTime() - w.activity().currentTime();
     next = std::min(next, std::max(due, 0.0));

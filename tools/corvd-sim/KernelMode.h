@@ -16,7 +16,9 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "tools/corvd-sim/FibSink.h"
@@ -41,7 +43,7 @@ class KernelRunner final : private Publisher {
     std::uint64_t overruns = 0;  // ENOBUFS seen on the source socket
     std::uint64_t resyncs = 0;   // full or IPv4-route dumps after the first
     std::uint64_t refused = 0;   // lines the scenario engine refused
-    double longestSlice = 0;     // longest read or world run of one turn, seconds
+    double longestSlice = 0;     // longest read, or world run with its FIB update, seconds
   };
 
   // Opens the sockets, dumps the source namespace and starts the VRFs. Throws NetlinkError
@@ -73,6 +75,7 @@ class KernelRunner final : private Publisher {
   std::unique_ptr<KernelSource> source_;
   std::unique_ptr<FibSink> fib_;
   std::map<std::string, std::uint64_t> daemonVersions_;  // by VRF, see runWorlds
+  std::set<std::string> fibBehind_;                      // VRFs whose FIB sync is unfinished
   Counters counters_;
   int lineNo_ = 0;
 };
