@@ -355,12 +355,15 @@ TEST_F(KernelSourceTest, VrfDevicesStartAndStopTheirWorlds) {
   ns.ip("link set blue up");
   ns.ip("link set b0 master blue");
   ns.ip("addr add 10.2.0.1/24 dev b0");
+  ns.ip("addr add 2001:db8:2::1/64 dev b0 nodad");  // IPv6 is served in "default" only
   ns.ip("route add 10.8.0.0/16 via 10.2.0.5 vrf blue proto static");
   KernelRunner r(KernelOptions{ns.name(), "", -1, false, false}, out_);
   EXPECT_TRUE(waitFor(r, [](auto& s) {
     const auto blue = s.find("== routes vrf blue");
     return blue != std::string::npos && has(s.substr(blue), "10.8.0.0/16");
   })) << show(r);
+  EXPECT_FALSE(has(show(r), "2001:db8:2::1")) << show(r);
+  EXPECT_EQ(r.counters().refused, 0u);
   ns.ip("link del blue");
   EXPECT_TRUE(waitFor(r, [](auto& s) { return !has(s, "vrf blue"); })) << show(r);
 }
