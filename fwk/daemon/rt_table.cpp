@@ -392,6 +392,12 @@ bool rt_entry_alive(const rt_entry* rt) {
 
 std::size_t rt_record_pages() { return entryRecords().pagesHeld(); }
 
+void rt_head_visit(void (*fn)(rt_head*, void*), void* arg) {
+  for (rt_head& h : t.heads) {
+    if (h.rth_routes) fn(&h, arg);
+  }
+}
+
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg) {
   std::vector<rt_head*> all;
   for (rt_head& h : t.heads) {

@@ -156,6 +156,9 @@ std::size_t rt_entry_count();
 std::size_t rt_record_bytes();
 // Visits every prefix: IPv4 before IPv6, by address then prefix length.
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg);
+// Visits every prefix in storage order, without sorting: O(prefixes), for callers that need no
+// order. `fn` must not add or delete prefixes.
+void rt_head_visit(void (*fn)(rt_head*, void*), void* arg);
 // True while `rt` is an entry of the table (any pointer may be asked, a stale one included).
 bool rt_entry_alive(const rt_entry* rt);
 // Pages of memory held for entry records (of every instance): for leak tests.

@@ -65,6 +65,7 @@ struct Scenario::State {
   // State-database events in order, replayed into a world made later.
   std::vector<std::function<void(World&)>> stateLog;
   double now = 0;
+  bool realTime = false;
   std::map<std::string, std::uint32_t> devices;  // kernel device -> ifIndex
   std::map<std::string, IntfInfo> intfs;
 
@@ -79,7 +80,7 @@ struct Scenario::State {
       it->second->enter();
       return *it->second;
     }
-    auto w = std::make_unique<World>(vrf, now);
+    auto w = std::make_unique<World>(vrf, now, realTime);
     for (const auto& event : stateLog) event(*w);
     return *worlds.emplace(vrf, std::move(w)).first->second;
   }
@@ -93,8 +94,25 @@ struct Scenario::State {
   }
 };
 
-Scenario::Scenario(std::ostream& out) : s_(std::make_unique<State>()), out_(out) {}
+Scenario::Scenario(std::ostream& out, bool realTime) : s_(std::make_unique<State>()), out_(out) {
+  s_->realTime = realTime;
+}
 Scenario::~Scenario() = default;
+
+void Scenario::forEachWorld(const std::function<void(World&)>& fn) {
+  for (auto& [name, w] : s_->worlds) {
+    w->enter();
+    fn(*w);
+  }
+}
+
+bool Scenario::stopWorld(const std::string& vrf) {
+  auto it = s_->worlds.find(vrf);
+  if (it == s_->worlds.end()) return false;
+  s_->worlds.erase(it);
+  World::leave();
+  return true;
+}
 
 Kel::Ptr<Root> Scenario::root(const std::string& vrf) const {
   auto it = s_->worlds.find(vrf);

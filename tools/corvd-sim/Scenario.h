@@ -47,6 +47,7 @@
 // names the source, the line and the reason ("NAME:LINE: reason") and changes nothing.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <map>
 #include <memory>
@@ -56,6 +57,8 @@
 #include "fwk/Root.h"
 
 namespace CorvdSim {
+
+class World;
 
 class ScenarioError : public std::runtime_error {
  public:
@@ -67,8 +70,9 @@ extern const char* const kDefaultScenario;
 
 class Scenario {
  public:
-  // `out` receives the `show` output.
-  explicit Scenario(std::ostream& out);
+  // `out` receives the `show` output. With `realTime` the worlds run on the real clock, driven by
+  // a host loop through forEachWorld, instead of manual time moved by `run`.
+  explicit Scenario(std::ostream& out, bool realTime = false);
   ~Scenario();
 
   // Runs every line of `text`; `source` names it in errors. Throws ScenarioError.
@@ -82,6 +86,11 @@ class Scenario {
 
   // The started Root of VRF `vrf`, or null (for tools that reach the module by name).
   Kel::Ptr<InterfaceRouteInfo::Root> root(const std::string& vrf) const;
+  // Calls `fn` on every world in VRF-name order, each entered first.
+  void forEachWorld(const std::function<void(World&)>& fn);
+  // Stops VRF `vrf`: its world, module, daemon and route inputs go (a later `vrf` line starts
+  // it afresh, with the state events so far). False when there is no such world.
+  bool stopWorld(const std::string& vrf);
 
  private:
   struct State;

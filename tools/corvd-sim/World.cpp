@@ -2,9 +2,9 @@
 
 namespace CorvdSim {
 
-World::World(const std::string& vrf, double now)
+World::World(const std::string& vrf, double now, bool realTime)
     : vrf_(vrf), daemon_(corvd_instance_new(vrf.c_str())) {
-  activity_.manualTimeIs(now);
+  if (!realTime) activity_.manualTimeIs(now);
   enter();
   all = Kel::make<Interface::AllIntfStatusDir>("all");
   local = Kel::make<Interface::AllIntfStatusLocalDir>("local");

@@ -21,8 +21,8 @@ namespace CorvdSim {
 
 class World {
  public:
-  // A world for `vrf` whose manual time starts at `now`.
-  World(const std::string& vrf, double now);
+  // A world for `vrf` whose manual time starts at `now`, or on the real clock.
+  World(const std::string& vrf, double now, bool realTime = false);
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;

@@ -1,29 +1,70 @@
-// corvd-sim: runs the module against the in-memory daemon, driven by a scenario.
+// corvd-sim: runs the module against the in-memory daemon, driven by a scenario or by a live
+// Linux network namespace.
 //
 //   corvd-sim [--trace LEVELS]... [SCENARIO-FILE]
+//   corvd-sim --kernel NETNS [--fib NETNS [--fib-keep]] [--for SECONDS] [--json] [--trace ...]
 //
 // Without a file it runs its bundled scenario. Time is manual: it advances only by the
-// scenario's `run` steps. LEVELS selects trace levels, e.g. "InterfaceRouteInfo/0" (the default),
-// "InterfaceRouteInfo/0,8-9" or "*/0-9"; "none" turns tracing off. Trace lines go to stderr, the
-// `show` output to stdout. Exit status: 0 on success, 1 on a scenario error (reported as
-// "FILE:LINE: reason") or a scenario file that cannot be read, 2 on bad arguments.
+// scenario's `run` steps. With --kernel the namespace's links, addresses and routes are the
+// input (KernelMode.h), on the real clock, until SECONDS have passed or SIGINT/SIGTERM; then, and
+// on SIGUSR1, the daemons' interfaces and routes of every VRF are printed. --fib installs the
+// daemons' chosen routes into another namespace; --fib-keep leaves them there on exit. LEVELS
+// selects trace levels, e.g. "InterfaceRouteInfo/0" (the default), "InterfaceRouteInfo/0,8-9" or
+// "*/0-9"; "none" turns tracing off. Trace lines go to stderr, the `show` output to stdout. Exit
+// status: 0 on success, 1 on a scenario error (reported as "FILE:LINE: reason"), a scenario file
+// that cannot be read or a namespace that cannot be used, 2 on bad arguments.
 #include <iostream>
 #include <string>
 
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Exception.h"
 #include "fwk/framework/Trace.h"
+#include "tools/corvd-sim/KernelMode.h"
 #include "tools/corvd-sim/Scenario.h"
+#include "tools/corvd-sim/ScenarioArgs.h"
+
+namespace {
+
+const char kUsage[] =
+    "usage: corvd-sim [--trace LEVELS] [SCENARIO-FILE]\n"
+    "       corvd-sim --kernel NETNS [--fib NETNS [--fib-keep]] [--for SECONDS] [--json]\n"
+    "                 [--trace LEVELS]\n"
+    "  --kernel NETNS  mirror the links, addresses and routes of network namespace NETNS\n"
+    "                  (/run/netns/NETNS) until SECONDS have passed or until interrupted, then\n"
+    "                  print every VRF's interfaces and routes (also on SIGUSR1)\n"
+    "  --fib NETNS     install each prefix's active route into NETNS's kernel (protocol 73)\n"
+    "  --fib-keep      leave the installed routes in NETNS on exit (default: remove them)\n"
+    "  --json          print the tables as JSON\n";
+
+}  // namespace
 
 int main(int argc, char** argv) {
   std::string file;
   std::string trace = "InterfaceRouteInfo/0";
+  CorvdSim::KernelOptions kernel;
+  bool kernelOnly = false;  // an option that only the kernel mode takes was given
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--trace" && i + 1 < argc) {
       trace = argv[++i];
+    } else if (arg == "--kernel" && i + 1 < argc) {
+      kernel.netns = argv[++i];
+    } else if (arg == "--fib" && i + 1 < argc) {
+      kernel.fibNetns = argv[++i];
+      kernelOnly = true;
+    } else if (arg == "--for" && i + 1 < argc) {
+      try {
+        kernel.forSeconds = CorvdSim::duration(argv[++i]);
+      } catch (const CorvdSim::ArgError& e) {
+        std::cerr << "corvd-sim: --for: " << e.what() << "\n";
+        return 2;
+      }
+      kernelOnly = true;
+    } else if (arg == "--json" || arg == "--fib-keep") {
+      (arg == "--json" ? kernel.json : kernel.fibKeep) = true;
+      kernelOnly = true;
     } else if (arg == "-h" || arg == "--help") {
-      std::cout << "usage: corvd-sim [--trace LEVELS] [SCENARIO-FILE]\n";
+      std::cout << kUsage;
       return 0;
     } else if (!arg.empty() && arg[0] == '-') {
       std::cerr << "corvd-sim: unknown option " << arg << "\n";
@@ -40,6 +81,17 @@ int main(int argc, char** argv) {
   } catch (const Kel::Exception& e) {
     std::cerr << "corvd-sim: --trace: " << e.what() << "\n";
     return 2;
+  }
+  if (kernelOnly && kernel.netns.empty()) {
+    std::cerr << "corvd-sim: --fib, --fib-keep, --for and --json need --kernel NETNS\n" << kUsage;
+    return 2;
+  }
+  if (!kernel.netns.empty()) {
+    if (!file.empty()) {
+      std::cerr << "corvd-sim: --kernel takes no scenario file\n";
+      return 2;
+    }
+    return CorvdSim::runKernelMode(kernel, std::cout);
   }
   Kel::activityManager()->manualTimeIs(0.0);
 

@@ -1,0 +1,218 @@
+#include "tools/corvd-sim/KernelMode.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <iostream>
+
+#include "fwk/daemon/corvd.h"
+#include "tools/corvd-sim/World.h"
+
+namespace CorvdSim {
+
+namespace {
+
+constexpr double kReadSlice = 0.02;  // seconds of reading before the worlds get their turn
+
+double monotonic() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// True when both names are the same namespace (the same file, or bind mounts of one).
+bool sameNetns(const std::string& a, const std::string& b) {
+  if (a == b) return true;
+  struct stat sa {};
+  struct stat sb {};
+  if (stat(("/run/netns/" + a).c_str(), &sa) != 0) return false;
+  if (stat(("/run/netns/" + b).c_str(), &sb) != 0) return false;
+  return sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+const std::vector<unsigned>& sourceGroups() {
+  static const std::vector<unsigned> groups = {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR,
+                                               RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+                                               RTNLGRP_IPV6_ROUTE};
+  return groups;
+}
+
+// What changes a daemon's tables leaves in its call counters (per instance).
+std::uint64_t daemonVersion() {
+  return corvd_call_count("rt_add") + corvd_call_count("rt_change_s") +
+         corvd_call_count("rt_delete") + corvd_call_count("if_conf_close");
+}
+
+}  // namespace
+
+KernelRunner::KernelRunner(const KernelOptions& opts, std::ostream& out)
+    : opts_(opts),
+      out_(out),
+      scenario_(out, true),
+      nl_(opts.netns, sourceGroups(), opts.sourceBuffer),
+      dump_(opts.netns, {}, 4 << 20) {
+  if (!opts.fibNetns.empty()) {
+    if (sameNetns(opts.netns, opts.fibNetns)) {
+      throw NetlinkError("--fib " + opts.fibNetns +
+                         " names the source namespace: the routes installed would be read back");
+    }
+    fib_ = std::make_unique<FibSink>(opts.fibNetns, opts.fibKeep);
+  }
+  source_ = std::make_unique<KernelSource>(static_cast<Publisher&>(*this));
+  resync(KernelSource::kAll);
+  counters_.resyncs = 0;
+}
+
+KernelRunner::~KernelRunner() {
+  // The FIB's routes go before the worlds (their removal needs nothing of them).
+  fib_.reset();
+}
+
+void KernelRunner::line(const std::string& text) {
+  try {
+    scenario_.runLine(text, "kernel " + opts_.netns, ++lineNo_);
+  } catch (const ScenarioError& e) {
+    ++counters_.refused;
+    std::cerr << "corvd-sim: refused: " << e.what() << " [" << text.substr(0, 200) << "]\n";
+  }
+}
+
+void KernelRunner::vrfGone(const std::string& vrf) {
+  if (fib_) fib_->forget(vrf);
+  daemonVersions_.erase(vrf);
+  fibBehind_.erase(vrf);
+  scenario_.stopWorld(vrf);
+}
+
+void KernelRunner::resync(unsigned kinds) {
+  ++counters_.resyncs;
+  const auto each = [&](const nlmsghdr* nlh) { source_->message(nlh); };
+  for (;;) {
+    source_->dumpBegin(kinds);
+    bool complete = true;
+    if (kinds & KernelSource::kLinks)
+      complete = complete && dump_.dump(RTM_GETLINK, AF_UNSPEC, each);
+    if (kinds & KernelSource::kAddrs)
+      complete = complete && dump_.dump(RTM_GETADDR, AF_UNSPEC, each);
+    if ((kinds & KernelSource::kRoutes4) && (kinds & KernelSource::kRoutes6)) {
+      complete = complete && dump_.dump(RTM_GETROUTE, AF_UNSPEC, each);
+    } else if (kinds & KernelSource::kRoutes4) {
+      complete = complete && dump_.dump(RTM_GETROUTE, AF_INET, each);
+    }
+    if (complete) break;
+    // Messages were dropped during the dump: everything is dumped again.
+    ++counters_.overruns;
+    kinds = KernelSource::kAll;
+  }
+  source_->dumpEnd(kinds);
+}
+
+void KernelRunner::readSource(double until) {
+  const auto each = [&](const nlmsghdr* nlh) { source_->message(nlh); };
+  while (monotonic() < until) {
+    const auto got = nl_.receive(each);
+    if (got == NetlinkSocket::Recv::kEmpty) break;
+    if (got == NetlinkSocket::Recv::kOverrun) {
+      ++counters_.overruns;
+      std::cerr << "corvd-sim: kernel " << opts_.netns
+                << ": netlink buffer overrun, resynchronising by a new dump\n";
+      resync(KernelSource::kAll);
+    }
+  }
+  if (source_->routeDumpWanted()) resync(KernelSource::kRoutes4);
+}
+
+void KernelRunner::runWorlds() {
+  scenario_.forEachWorld([&](World& w) {
+    const double start = monotonic();
+    w.activity().runUntil(w.activity().currentTime());
+    const std::uint64_t v = daemonVersion();
+    auto [it, isNew] = daemonVersions_.try_emplace(w.vrf(), v);
+    if (fib_ && (isNew || it->second != v || fibBehind_.count(w.vrf()))) {
+      fib_->sync(w.vrf());
+      if (fib_->behind()) {
+        fibBehind_.insert(w.vrf());
+      } else {
+        fibBehind_.erase(w.vrf());
+      }
+    }
+    it->second = v;
+    counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
+  });
+  World::leave();
+}
+
+bool KernelRunner::turn(double maxWait, int extraFd) {
+  double next = fibBehind_.empty() ? maxWait : 0;
+  scenario_.forEachWorld([&](World& w) {
+    const double due = w.activity().nextTime() - w.activity().currentTime();
+    next = std::min(next, std::max(due, 0.0));
+  });
+  World::leave();
+  pollfd fds[2] = {{nl_.fd(), POLLIN, 0}, {extraFd, POLLIN, 0}};
+  const int ms = static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
+  poll(fds, extraFd >= 0 ? 2 : 1, ms);
+  const double start = monotonic();
+  if (fds[0].revents & (POLLIN | POLLERR)) readSource(start + kReadSlice);
+  counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
+  runWorlds();
+  return extraFd >= 0 && (fds[1].revents & POLLIN);
+}
+
+void KernelRunner::show() {
+  const std::string json = opts_.json ? " json" : "";
+  line("show interfaces" + json);
+  line("show routes" + json);
+  const auto& s = source_->counters();
+  out_ << "== kernel " << opts_.netns << ": messages " << s.messages << " lines " << s.lines
+       << " ignored " << s.ignored << " unspec-proto " << s.unspecProto << " overruns "
+       << counters_.overruns << " resyncs " << counters_.resyncs << " refused " << counters_.refused
+       << " longest-slice " << counters_.longestSlice << "\n";
+  if (fib_) {
+    const auto& f = fib_->counters();
+    out_ << "== fib " << fib_->netns() << " proto " << int(kFibProtocol) << ": installed "
+         << f.installed << " changed " << f.changed << " removed " << f.removed << " failed "
+         << f.failed << " unmapped " << f.unmapped << " stale " << f.stale << "\n";
+  }
+  out_.flush();
+}
+
+int runKernelMode(const KernelOptions& opts, std::ostream& out) {
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGUSR1);
+  sigprocmask(SIG_BLOCK, &mask, nullptr);
+  const int sfd = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
+  try {
+    KernelRunner runner(opts, out);
+    const double end = opts.forSeconds < 0 ? INFINITY : monotonic() + opts.forSeconds;
+    for (bool running = true; running;) {
+      const double left = end - monotonic();
+      if (left <= 0) break;
+      if (!runner.turn(std::min(left, 1.0), sfd)) continue;
+      signalfd_siginfo si;
+      while (read(sfd, &si, sizeof si) == sizeof si) {
+        if (si.ssi_signo == SIGUSR1) {
+          runner.show();
+        } else {
+          running = false;
+        }
+      }
+    }
+    runner.show();
+  } catch (const NetlinkError& e) {
+    std::cerr << "corvd-sim: " << e.what() << "\n";
+    close(sfd);
+    return 1;
+  }
+  close(sfd);
+  return 0;
+}
+
+}  // namespace CorvdSim
