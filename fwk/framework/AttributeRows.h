@@ -1,7 +1,8 @@
 // The introspection rows KEL_ENTITY (Attributes.h) expands from a type's attribute list, one
 // macro per kind: the declared positions (KEL_ENUM_), the registry's rows (KEL_INFO_: name, kind,
 // type and key type names, flags), the generic interface's functions (KEL_ACC_, GenericAccess.h)
-// and the switch of NOTIFIEES collections (KEL_ACTIVE_). Also KEL_TWIN_NAMES, for a template that
+// the switch of NOTIFIEES collections (KEL_ACTIVE_) and the teardown of owned reactors when the
+// owner goes away (KEL_ZOMBIE_, Reactor.h). Also KEL_TWIN_NAMES, for a template that
 // stands for two twin types: the names its twin instance registers and answers to.
 #pragma once
 
@@ -103,6 +104,22 @@
 #define KEL_ACTIVE_COLLECTION(...)
 #define KEL_ACTIVE_HANDLER(...)
 #define KEL_ACTIVE_ACTION(...)
+
+// ---- teardown of owned reactors (kelBeforeDelete) ----
+#define KEL_ZOMBIE_(kind, ...) KEL_DISPATCH_(KEL_ZOMBIE_, kind, __VA_ARGS__)
+#define KEL_ZOMBIE_CHILD(name, ...) ::Kel::zombieTeardown(name##_);
+#define KEL_ZOMBIE_CHILDREN(name, ...) \
+  for (auto [k, c] : name##_) ::Kel::zombieTeardown(c);
+#define KEL_ZOMBIE_SCALAR(...)
+#define KEL_ZOMBIE_SIGNAL(...)
+#define KEL_ZOMBIE_SECONDS(...)
+#define KEL_ZOMBIE_INPUT(...)
+#define KEL_ZOMBIE_POINTER(...)
+#define KEL_ZOMBIE_ENTRIES(...)
+#define KEL_ZOMBIE_COLLECTION(...)
+#define KEL_ZOMBIE_NOTIFIEES(...)
+#define KEL_ZOMBIE_HANDLER(...)
+#define KEL_ZOMBIE_ACTION(...)
 
 // ---- twin names ----
 // KEL_TWIN_NAMES(isTwin, LIST) in a class template that stands for two twins; LIST rows are

@@ -451,8 +451,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   void kelNotify(F&& f) const {                                                            \
     deliver<Notifiee>(f);                                                                  \
   }                                                                                        \
-  LIST(KEL_MEMBER_)                                                                        \
- public:
+  /* The owner is going away: the reactors it alone holds prepare to die first. */         \
+  void kelBeforeDelete() override{LIST(KEL_ZOMBIE_)} LIST(KEL_MEMBER_) public:
 
 #include "fwk/framework/AttributeRows.h"
 #include "fwk/framework/GenericAccess.h"

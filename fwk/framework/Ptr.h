@@ -1,7 +1,8 @@
 // Intrusive reference counting for every framework object.
 // A PtrInterface carries its own count; Kel::Ptr takes a reference on copy and drops one on
 // destruction, and the object is deleted when the count returns to zero. Objects are created with
-// a count of zero and must be handed to a Ptr at once (use Kel::make). A count that would go
+// a count of zero and must be handed to a Ptr at once (use Kel::make). Just before an object is
+// deleted it gets kelBeforeDelete(), still whole. A count that would go
 // negative is a broken invariant and aborts. ValidPtr is a Ptr that is never null: making one
 // from null raises Kel::Exception "null ValidPtr". Single-threaded: counts are plain integers.
 #pragma once
@@ -25,11 +26,21 @@ class PtrInterface {
                    static_cast<const void*>(this));
       std::abort();
     }
+    if (refs_ > 1) {
+      --refs_;
+      return;
+    }
+    // The last reference: the object may still act (kelBeforeDelete) while a guard reference
+    // keeps references taken and dropped meanwhile from deleting it twice.
+    const_cast<PtrInterface*>(this)->kelBeforeDelete();
     if (--refs_ == 0) delete this;
   }
 
  protected:
   PtrInterface() = default;
+  // Runs once when the last reference is dropped, before the object is deleted, with the object
+  // still whole. Entities use it to tear down the reactors they own (Attributes.h).
+  virtual void kelBeforeDelete() {}
   PtrInterface(const PtrInterface&) : refs_(0) {}
   PtrInterface& operator=(const PtrInterface&) { return *this; }
   virtual ~PtrInterface() {

@@ -90,6 +90,9 @@ void RouteBacklogSmT<Traits>::doPrepareToDie() {
   for (auto [key, route] : routeInput()->routeCollection()) doDeleteRoute(key);
   rt_close(fwk_task, 0, 1, 0);
   gw_free(gwp());
+  // It holds nothing in the daemon any more: a second call (a teardown after the owner's own
+  // call) does nothing.
+  initializedIs(false);
   IRI_TRACE_END();
 }
 

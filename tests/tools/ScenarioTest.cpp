@@ -166,6 +166,8 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
        "t.scn:1: duration '99999999999999999999999' longer than a year (31536000 s)"},
       {"show routes json json", "t.scn:1: json given twice"},
       {"show routes vrf", "t.scn:1: 'vrf' needs a value"},
+      {"stop red", "t.scn:1: vrf red is not started"},
+      {"stop default now", "t.scn:1: usage: stop VRF"},
       {"daemon-netmask red et1 10.0.1.1/16", "t.scn:1: no vrf red"},
       {"daemon-netmask default et1 10.0.1.7/16",
        "t.scn:1: et1 holds no address 10.0.1.7 in the daemon"},

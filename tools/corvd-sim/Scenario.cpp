@@ -378,6 +378,11 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       World& v = s.world(w[1]);
       if (v.root()) fail("vrf " + w[1] + " is already started");
       v.startRoot();
+    } else if (cmd == "stop") {
+      need(2, 2, "stop VRF");
+      auto it = s.worlds.find(w[1]);
+      if (it == s.worlds.end() || !it->second->root()) fail("vrf " + w[1] + " is not started");
+      it->second->stopRoot();
     } else if (cmd == "input") {
       need(5, 8, "input VRF NAME proto N [pref N] [ipv6]");
       if (w[3] != "proto") fail("usage: input VRF NAME proto N [pref N] [ipv6]");

@@ -65,4 +65,11 @@ void World::startRoot() {
   root_->initializedIs(true);
 }
 
+void World::stopRoot() {
+  enter();
+  root_ = nullptr;
+  theRoot_ = nullptr;
+  fwk_task->task_ifachange_method = nullptr;
+}
+
 }  // namespace CorvdSim

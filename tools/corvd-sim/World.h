@@ -37,6 +37,10 @@ class World {
 
   // Starts the VRF's Root (once); IPv6 status and routing only in "default".
   void startRoot();
+  // Stops the VRF's module: its Root is released (its reactors prepare to die, so its routes are
+  // withdrawn and its gateways freed) and the daemon's address-change hook is unhooked. The
+  // daemon and the state database stay; startRoot may start the module again.
+  void stopRoot();
   const Kel::Ptr<InterfaceRouteInfo::Root>& root() const { return root_; }
 
   // The state-database replica.
