@@ -389,6 +389,25 @@ class GenericIf_ : public GenericIf {
     writable();
     a.call(*object_, args);
   }
+  GenericIfPtr genericIfListConstructor(const std::vector<std::string>& values) const override {
+    if constexpr (std::is_base_of_v<Entity, T>) {
+      throw RangeException(type().name + " is not a value type");
+    } else {
+      // The value's text in the value grammar, parsed as any text form is: one parser, one set
+      // of errors.
+      const std::vector<AttributeRecord>& attrs = type().attributes;
+      if (values.size() != attrs.size()) {
+        throw RangeException(type().name + " takes " + std::to_string(attrs.size()) +
+                             " attribute values, " + std::to_string(values.size()) + " given");
+      }
+      std::string text = "Value('" + type().name + "', ** {";
+      for (std::size_t i = 0; i < attrs.size(); ++i) {
+        text += (i ? ", '" : "'") + attrs[i].name + "': " + values[i];
+      }
+      text += "})";
+      return std::make_unique<GenericIf_>(std::make_shared<T>(strepToValue<T>(text)), false);
+    }
+  }
   void hasNotificationActiveIs(bool active) override {
     if constexpr (isReactor<T>) {
       object_->hasNotificationActiveIs(active);

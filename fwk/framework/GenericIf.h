@@ -12,6 +12,7 @@
 //   iterator(id, key)            the same, positioned at the member with that key text (keyed
 //                                form; a null iterator when there is none)
 //   call(id, args)               runs a callable operation with its arguments given as text
+//   genericIfListConstructor(v)  a new value of a value type from its attributes' texts
 // Errors are Kel::RangeException with a text naming the attribute: an unknown name, reading an
 // operation, setting what is not settable, a text that does not parse (the parsers' own texts,
 // "junk at column %lld deserializing %s" for leftover text), a wrong number of arguments. A call
@@ -69,6 +70,11 @@ class GenericIf {
   virtual std::unique_ptr<GenericIterator> iterator(unsigned id) const = 0;
   virtual std::unique_ptr<GenericIterator> iterator(unsigned id, std::string_view key) const = 0;
   virtual void call(unsigned id, const std::vector<std::string>& args) = 0;
+  // A new value of this value type built from a generic list: one text per declared attribute,
+  // in declaration order, each in the value grammar's attribute syntax ("None", or a collection
+  // such as "{'10.0.0.1/24': True}"). Raises "<Type> is not a value type" for an entity type,
+  // "<Type> takes N attribute values, M given", or the type's own parse errors.
+  virtual GenericIfPtr genericIfListConstructor(const std::vector<std::string>& values) const = 0;
 
   // Notifiee operations of reactors (others raise "<Type> is not a reactor").
   virtual void hasNotificationActiveIs(bool active) = 0;

@@ -110,6 +110,20 @@ TEST(GenericIf, ValueTypeIsWalkedPlainlyAndByKeyAndCopiedByClone) {
   EXPECT_EQ(copy->attributeString(v4), "{'10.0.0.1/24': True, '10.0.1.1/24': False}");
   EXPECT_EQ(errorOf([&] { v->attributeId("ipAddr"); }),
             "InterfaceRouteInfo::IpAddrSet has no attribute 'ipAddr'");
+
+  // A new value from a generic list: one text per attribute, in declaration order.
+  Kel::GenericIfPtr made = v->genericIfListConstructor({"None", "{'2001:db8::1/64': True}"});
+  EXPECT_EQ(made->attributeString(v4), "{}");
+  EXPECT_EQ(made->attributeString(made->attributeId("ip6AddrWithMask")),
+            "{'2001:db8::1/64': True}");
+  EXPECT_EQ(v->attributeString(v4), "{'10.0.0.1/24': True}");  // the source is untouched
+  EXPECT_EQ(errorOf([&] { v->genericIfListConstructor({"None"}); }),
+            "InterfaceRouteInfo::IpAddrSet takes 2 attribute values, 1 given");
+  EXPECT_NE(errorOf([&] { v->genericIfListConstructor({"None", "{'10.0.0.1/33': True}"}); }), "");
+  EXPECT_EQ(errorOf([] {
+              Kel::genericIf(intfBacklogFactory(Kel::Name("b")))->genericIfListConstructor({});
+            }),
+            "InterfaceRouteInfo::IntfBacklog is not a value type");
 }
 
 TEST(GenericIf, OperationsTakeTextArgumentsAndChangeNothingOnError) {
