@@ -21,8 +21,9 @@
   T(IpAddrSet)                                                                                   \
   T(IntfBackLogEntry)                                                                            \
   T(IntfBacklog)                                                                                 \
-  T(RouteBacklog) T(Route6Backlog) T(UnresolvedRouteBacklog) T(UnresolvedRoute6Backlog) T(Root)  \
-      T(IntfBacklogSm) T(IntfStatusSm) T(IpIntfStatusSm) T(Ip6IntfStatusSm) T(VrfIpIntfStatusSm) \
+  T(RouteBacklog)                                                                                \
+  T(Route6Backlog) T(UnresolvedRouteBacklog) T(UnresolvedRoute6Backlog) T(Root) T(IntfBacklogSm) \
+      T(IntfStatusSm) T(IpIntfStatusSm) T(Ip6IntfStatusSm) T(VrfIpIntfStatusSm)                  \
           T(VrfIp6IntfStatusSm) T(RouteBacklogSm) T(Route6BacklogSm) T(RouteInputSm)             \
               T(Route6InputSm) T(RouteInputDirSm) T(Route6InputDirSm) T(RoutingConfigSm)         \
                   T(Routing6ConfigSm) T(LoopbackSm)

@@ -5,8 +5,9 @@
 //
 // Each file keeps its own state; they meet only through these functions. Entries and gateways
 // live in record arenas (record_arena.h) that never give a gone record's address to another, so
-// a stale pointer is told apart by the arena (page returned) or by its magic tag (page held). removeEntry is the one way an entry leaves
-// the table (rt_delete, gw_free, an interface address that is gone, corvd_reset).
+// a stale pointer is told apart by the arena (page returned) or by its magic tag (page held).
+// removeEntry is the one way an entry leaves the table (rt_delete, gw_free, an interface address
+// that is gone, corvd_reset).
 #pragma once
 
 #include <cstdint>
