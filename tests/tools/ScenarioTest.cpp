@@ -12,6 +12,7 @@
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
+#include "tests/support/ErrorText.h"
 #include "tools/corvd-sim/Scenario.h"
 
 namespace {
@@ -213,7 +214,25 @@ TEST_F(ScenarioTest, FilesAreReadLineByLineWithBoundedLines) {
   EXPECT_EQ(error(longLine), longLine + ":2: line longer than 4096 bytes");
   EXPECT_EQ(error(dir.string()), "cannot read " + dir.string() + ": it is a directory");
   EXPECT_EQ(error((dir / "absent.scn").string()), "cannot read " + (dir / "absent.scn").string());
+  std::ostringstream out;
+  CorvdSim::Scenario s(out);
+  std::istringstream in("vrf default\nfrobnicate");
+  EXPECT_EQ(errorOf<CorvdSim::ScenarioError>([&] { s.runStream(in, "(standard input)"); }),
+            "(standard input):2: unknown command 'frobnicate'");
   std::filesystem::remove_all(dir);
+}
+
+// What --strict asks at the end of a run: the bundled scenario leaves one route waiting for a
+// next hop that no interface serves (10.9.9.9), and its daemons saw no misuse; a route input that
+// is given an address for its next hop later leaves none.
+TEST_F(ScenarioTest, EndOfRunCountsUnresolvedRoutesAndMisuse) {
+  std::ostringstream out;
+  CorvdSim::Scenario s(out);
+  s.runText(CorvdSim::kDefaultScenario, "bundled");
+  EXPECT_EQ(s.unresolvedCount(), 1u);
+  EXPECT_EQ(s.misuseCount(), 0u);
+  s.runText("device et9 9\nintf Ethernet9 et9\nip Ethernet9 10.9.9.1/24\nrun 1", "more");
+  EXPECT_EQ(s.unresolvedCount(), 0u);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iostream>
 #include <ostream>
 #include <set>
 #include <sstream>
@@ -127,12 +128,20 @@ void Scenario::runText(const std::string& text, const std::string& source) {
 }
 
 void Scenario::runFile(const std::string& path) {
+  if (path == "-") {
+    runStream(std::cin, "(standard input)");
+    return;
+  }
   std::error_code ec;
   if (std::filesystem::is_directory(path, ec)) {
     throw ScenarioError("cannot read " + path + ": it is a directory");
   }
   std::ifstream in(path, std::ios::binary);
   if (!in) throw ScenarioError("cannot read " + path);
+  runStream(in, path);
+}
+
+void Scenario::runStream(std::istream& in, const std::string& source) {
   std::string line;
   int lineNo = 0;
   for (;;) {
@@ -142,12 +151,37 @@ void Scenario::runFile(const std::string& path) {
       if (line.size() > kMaxLine) break;  // runLine refuses it; read no further
       line.push_back(static_cast<char>(c));
     }
-    if (in.bad())
-      throw ScenarioError("cannot read " + path + " after line " + std::to_string(lineNo));
+    if (in.bad()) {
+      throw ScenarioError("cannot read " + source + " after line " + std::to_string(lineNo));
+    }
     if (c == std::char_traits<char>::eof() && line.empty()) return;
-    runLine(line, path, ++lineNo);
+    runLine(line, source, ++lineNo);
     if (c == std::char_traits<char>::eof()) return;
   }
+}
+
+std::size_t Scenario::unresolvedCount() {
+  std::size_t n = 0;
+  auto add = [&n](const auto& configSm) {
+    if (!configSm || !configSm->routeInputDirSm()) return;
+    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) {
+      if (sm->unresolvedRouteBacklog()) n += sm->unresolvedRouteBacklog()->backlogCount();
+    }
+  };
+  forEachWorld([&](World& w) {
+    if (!w.root()) return;
+    add(w.root()->routingConfigSm());
+    add(w.root()->routing6ConfigSm());
+  });
+  World::leave();
+  return n;
+}
+
+std::uint64_t Scenario::misuseCount() {
+  std::uint64_t n = 0;
+  forEachWorld([&](World&) { n += corvd_misuse_count(); });
+  World::leave();
+  return n;
 }
 
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {

@@ -49,6 +49,8 @@
 // names the source, the line and the reason ("NAME:LINE: reason") and changes nothing.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <iosfwd>
 #include <map>
@@ -81,8 +83,14 @@ class Scenario {
   void runText(const std::string& text, const std::string& source);
   // Runs the scenario file `path` line by line as it is read, so an endless or huge input costs
   // one line of memory: a line longer than the limit, a file that cannot be opened or read (a
-  // directory, say) is an error.
+  // directory, say) is an error. "-" is the standard input.
   void runFile(const std::string& path);
+  // Runs `in` line by line the same way; `source` names it in errors.
+  void runStream(std::istream& in, const std::string& source);
+  // At the end of a run: the route keys left in the unresolved backlogs of every started VRF,
+  // and the misuses every VRF's daemon recorded.
+  std::size_t unresolvedCount();
+  std::uint64_t misuseCount();
   // Runs one line (1-based `line` for errors).
   void runLine(const std::string& line, const std::string& source, int lineNo);
 

@@ -26,15 +26,26 @@
 namespace {
 
 const char kUsage[] =
-    "usage: corvd-sim [--trace LEVELS] [SCENARIO-FILE]\n"
+    "usage: corvd-sim [--trace LEVELS] [--strict] [SCENARIO-FILE | -]\n"
     "       corvd-sim --kernel NETNS [--fib NETNS [--fib-keep]] [--for SECONDS] [--json]\n"
     "                 [--trace LEVELS]\n"
+    "       corvd-sim --help | --version\n"
+    "Runs the InterfaceRouteInfo module against an in-memory daemon per VRF. Without a file it\n"
+    "runs its bundled scenario; '-' reads the scenario from standard input. The scenario\n"
+    "language is described in tools/corvd-sim/Scenario.h; `show` output goes to stdout.\n"
+    "  --trace LEVELS  trace levels on stderr, e.g. InterfaceRouteInfo/0 (the default),\n"
+    "                  InterfaceRouteInfo/0,8-9 or */0-9; 'none' for silence. Levels: 0 state\n"
+    "                  changes, 8 entry/exit and details, 9 notices\n"
+    "  --strict        exit 3 when, at the end, a route is left unresolved or a daemon recorded\n"
+    "                  a misuse\n"
     "  --kernel NETNS  mirror the links, addresses and routes of network namespace NETNS\n"
     "                  (/run/netns/NETNS) until SECONDS have passed or until interrupted, then\n"
     "                  print every VRF's interfaces and routes (also on SIGUSR1)\n"
     "  --fib NETNS     install each prefix's active route into NETNS's kernel (protocol 73)\n"
     "  --fib-keep      leave the installed routes in NETNS on exit (default: remove them)\n"
-    "  --json          print the tables as JSON\n";
+    "  --json          print the tables as JSON\n"
+    "Exit status: 0 success; 1 a scenario error (FILE:LINE: reason), an unreadable scenario or\n"
+    "an unusable namespace; 2 bad arguments; 3 --strict found unresolved routes or misuse.\n";
 
 }  // namespace
 
@@ -43,6 +54,7 @@ int main(int argc, char** argv) {
   std::string trace = "InterfaceRouteInfo/0";
   CorvdSim::KernelOptions kernel;
   bool kernelOnly = false;  // an option that only the kernel mode takes was given
+  bool strict = false;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--trace" && i + 1 < argc) {
@@ -66,7 +78,12 @@ int main(int argc, char** argv) {
     } else if (arg == "-h" || arg == "--help") {
       std::cout << kUsage;
       return 0;
-    } else if (!arg.empty() && arg[0] == '-') {
+    } else if (arg == "--version") {
+      std::cout << "corvd-sim " << IRI_VERSION << "\n";
+      return 0;
+    } else if (arg == "--strict") {
+      strict = true;
+    } else if (arg.size() > 1 && arg[0] == '-') {
       std::cerr << "corvd-sim: unknown option " << arg << "\n";
       return 2;
     } else if (file.empty()) {
@@ -101,6 +118,15 @@ int main(int argc, char** argv) {
       scenario.runText(CorvdSim::kDefaultScenario, "(bundled scenario)");
     } else {
       scenario.runFile(file);
+    }
+    if (strict) {
+      const std::size_t unresolved = scenario.unresolvedCount();
+      const std::uint64_t misuse = scenario.misuseCount();
+      if (unresolved != 0 || misuse != 0) {
+        std::cerr << "corvd-sim: --strict: " << unresolved << " route(s) left unresolved, "
+                  << misuse << " daemon misuse(s)\n";
+        return 3;
+      }
     }
   } catch (const CorvdSim::ScenarioError& e) {
     std::cerr << e.what() << "\n";
