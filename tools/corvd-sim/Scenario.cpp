@@ -1,5 +1,6 @@
 #include "tools/corvd-sim/Scenario.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -11,6 +12,7 @@
 
 #include "fwk/daemon/host_conf.h"
 #include "fwk/framework/Exception.h"
+#include "fwk/framework/Trace.h"
 #include "tools/corvd-sim/ScenarioArgs.h"
 #include "tools/corvd-sim/ScenarioGeneric.h"
 #include "tools/corvd-sim/World.h"
@@ -412,6 +414,20 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       World& v = s.world(w[1]);
       if (v.root()) fail("vrf " + w[1] + " is already started");
       v.startRoot();
+    } else if (cmd == "trace") {
+      need(2, 2, "trace LEVELS");
+      // Only the module traces: a facility other than it (or "*") is a typing mistake.
+      std::string config = w[1] == "none" ? std::string() : w[1];
+      for (std::size_t at = 0; at < config.size();) {
+        const std::size_t end = std::min(config.find(';', at), config.size());
+        const std::string entry = config.substr(at, end - at);
+        const std::string facility = entry.substr(0, entry.find('/'));
+        if (facility != "InterfaceRouteInfo" && facility != "*") {
+          fail("unknown trace facility '" + facility.substr(0, 40) + "' (InterfaceRouteInfo or *)");
+        }
+        at = end + 1;
+      }
+      Kel::traceConfigIs(config);
     } else if (cmd == "stop") {
       need(2, 2, "stop VRF");
       auto it = s.worlds.find(w[1]);

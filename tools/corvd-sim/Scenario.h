@@ -23,6 +23,8 @@
 //   noip6 INTFID                       removes the interface's IPv6 status
 //   novrf V                            removes VRF V's address entries (IPv4 and IPv6)
 //   vrf NAME                           starts the module (a Root) in VRF NAME's world
+//   trace LEVELS                       changes tracing from here on, as --trace does
+//                                      (InterfaceRouteInfo/0,8-9, */0-9, none)
 //   stop VRF                           stops VRF's module: its routes are withdrawn from the
 //                                      VRF's daemon, links and addresses stay; vrf starts it again
 //   input VRF NAME proto N [pref N] [ipv6]     a route input of protocol N (1..255) in VRF's
