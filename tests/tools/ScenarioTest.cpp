@@ -240,4 +240,19 @@ TEST_F(ScenarioTest, EndOfRunCountsUnresolvedRoutesAndMisuse) {
   EXPECT_EQ(s.unresolvedCount(), 0u);
 }
 
+// A show taken while changes still wait in a backlog says how many, and that run drains them.
+TEST_F(ScenarioTest, ShowSaysWhatIsStillQueued) {
+  std::ostringstream out;
+  CorvdSim::Scenario s(out);
+  s.runText(
+      "device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\ninput default bgp proto 8\n"
+      "route default bgp 10.9.0.0/16 via 10.0.1.2\nvrf default\nshow routes",
+      "t.scn");
+  EXPECT_EQ(out.str(),
+            "== routes vrf default\n(2 change(s) still queued in vrf default: run drains them)\n");
+  out.str("");
+  s.runText("run 1\nshow routes", "t.scn");
+  EXPECT_EQ(out.str().find("still queued"), std::string::npos);
+}
+
 }  // namespace

@@ -186,6 +186,25 @@ std::uint64_t Scenario::misuseCount() {
   return n;
 }
 
+namespace {
+
+// Keys waiting in the module's backlogs of one world (interfaces, and routes per input).
+std::size_t queuedKeys(World& w) {
+  if (!w.root()) return 0;
+  std::size_t n = w.root()->intfBacklog() ? w.root()->intfBacklog()->backlogCount() : 0;
+  auto add = [&n](const auto& configSm) {
+    if (!configSm || !configSm->routeInputDirSm()) return;
+    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) {
+      if (sm->routeBacklog()) n += sm->routeBacklog()->backlogCount();
+    }
+  };
+  add(w.root()->routingConfigSm());
+  add(w.root()->routing6ConfigSm());
+  return n;
+}
+
+}  // namespace
+
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {
   auto fail = [&](const std::string& why) -> void {
     throw ScenarioError(source + ":" + std::to_string(lineNo) + ": " + why);
@@ -618,6 +637,10 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
           out_ << "== routes vrf " << name << "\n" << corvd_show_routes();
         } else {
           out_ << "== interfaces vrf " << name << "\n" << corvd_show_interfaces();
+        }
+        if (const std::size_t queued = queuedKeys(*wd); queued != 0 && !json) {
+          out_ << "(" << queued << " change(s) still queued in vrf " << name
+               << ": run drains them)\n";
         }
       }
     } else if (isGenericCommand(cmd)) {
