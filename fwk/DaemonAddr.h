@@ -1,10 +1,11 @@
-// Daemon socket addresses for the model's addresses. Each call returns a daemon temporary
+// Daemon socket addresses for the model's addresses, and back. Each call returns a daemon temporary
 // (sockbuild_in / sockbuild_in6): copy it before the daemon's pool of temporaries comes round,
 // or sockdup it to keep it.
 #pragma once
 
 #include <cstdint>
 #include <string_view>
+#include <type_traits>
 
 #include "fwk/daemon/corvd.h"
 #include "fwk/model/KanetIpAddr.h"
@@ -19,6 +20,22 @@ inline sockaddr_un* daemonSock(const Kanet::Ip6Addr& a) {
   uint8_t bytes[16];
   for (int i = 0; i < 16; ++i) bytes[i] = a.u8(i);
   return sockbuild_in6(0, bytes);
+}
+
+// The model's address held by a daemon socket address of its family: the inverse of daemonSock.
+template <class Addr>
+Addr modelAddr(const sockaddr_un* s) {
+  int n = 0;
+  const uint8_t* bytes = sockaddr_bytes(s, &n);
+  if constexpr (std::is_same_v<Addr, Kanet::IpAddr>) {
+    return Kanet::IpAddr(static_cast<std::uint32_t>(bytes[0]) << 24 |
+                         static_cast<std::uint32_t>(bytes[1]) << 16 |
+                         static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3]);
+  } else {
+    Kanet::Ip6Addr addr;
+    for (int i = 0; i < 16; ++i) addr.u8Is(i, bytes[i]);
+    return addr;
+  }
 }
 
 // An IPv4 or IPv6 address in text (IPv6 when it holds a colon); malformed text raises the

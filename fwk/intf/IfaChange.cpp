@@ -48,19 +48,7 @@ IfaChange classify(int change, bool up) {
 // destination with bits beyond that length raises the key's range error.
 template <class Key>
 Key keyOf(const rt_head* head) {
-  int n = 0;
-  const uint8_t* bytes = sockaddr_bytes(&head->rth_dest, &n);
-  const int len = sock_mask_len(head->rth_dest_mask);
-  if constexpr (std::is_same_v<Key, Routing::RouteKey>) {
-    const Kanet::IpAddr addr(static_cast<std::uint32_t>(bytes[0]) << 24 |
-                             static_cast<std::uint32_t>(bytes[1]) << 16 |
-                             static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3]);
-    return Key(addr, len);
-  } else {
-    Kanet::Ip6Addr addr;
-    for (int i = 0; i < 16; ++i) addr.u8Is(i, bytes[i]);
-    return Key(addr, len);
-  }
+  return Key(modelAddr<typename Key::Addr>(&head->rth_dest), sock_mask_len(head->rth_dest_mask));
 }
 
 // A route of the gateway that uses the changed address, as found before anything changes: the

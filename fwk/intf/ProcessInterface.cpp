@@ -12,6 +12,7 @@
 // Each change of the daemon is its own if_conf_open/if_conf_close bracket.
 #include <cstdint>
 
+#include "fwk/DaemonAddr.h"
 #include "fwk/IpAddrSet.h"
 #include "fwk/ModuleSupport.h"
 #include "fwk/daemon/corvd.h"
@@ -34,19 +35,12 @@ IpAddrSet corvdAddresses(const if_link* ifl) {
   for (const if_addr* a = ifl->ifl_addr_set.ias_first; a; a = a->ifa_next) {
     const if_info& info = a->ifa_info;
     const sockaddr_un* local = info.ifi_addr_local;
-    int n = 0;
-    const uint8_t* bytes = sockaddr_bytes(local, &n);
     if (local->sa_family == SA_FAMILY_INET) {
       const int len = sock_mask_len(inet_prefix_mask_locate_internal(info.ifi_netmask));
-      const Kanet::IpAddr addr(static_cast<std::uint32_t>(bytes[0]) << 24 |
-                               static_cast<std::uint32_t>(bytes[1]) << 16 |
-                               static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3]);
-      set.newIpAddrWithMask(Kanet::IpAddrWithMask(addr, len), true);
+      set.newIpAddrWithMask(Kanet::IpAddrWithMask(modelAddr<Kanet::IpAddr>(local), len), true);
     } else if (local->sa_family == SA_FAMILY_INET6) {
       const int len = sock_mask_len(inet6_prefix_mask_locate_internal(info.ifi_netmask));
-      Kanet::Ip6Addr addr;
-      for (int i = 0; i < 16; ++i) addr.u8Is(i, bytes[i]);
-      set.newIp6AddrWithMask(Kanet::Ip6AddrWithMask(addr, len), true);
+      set.newIp6AddrWithMask(Kanet::Ip6AddrWithMask(modelAddr<Kanet::Ip6Addr>(local), len), true);
     }
   }
   return set;

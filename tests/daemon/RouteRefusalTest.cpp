@@ -51,8 +51,8 @@ TEST_F(RouteRefusal, SameGatewayAndGatewaySetAgainIsRefusedByResultOnly) {
   EXPECT_EQ(corvd_call_count("rt_add"), 4u);
 }
 
-// The daemon calls of the module's route drain (Parts 3.3 and 3.4), for one protocol's route
-// that is absent, a blackhole, or a set of next hops.
+// The daemon calls of the module's route drain (adding and deleting a route), for one protocol's
+// route that is absent, a blackhole, or a set of next hops.
 struct Route {
   bool present = false;
   bool blackhole = false;

@@ -162,18 +162,31 @@ void Scenario::runStream(std::istream& in, const std::string& source) {
   }
 }
 
-std::size_t Scenario::unresolvedCount() {
+namespace {
+
+// The sum of `count(sm)` over the route input reactors (IPv4 and IPv6) of a world's module.
+template <class Count>
+std::size_t sumOverRouteInputs(World& w, Count count) {
   std::size_t n = 0;
-  auto add = [&n](const auto& configSm) {
+  auto add = [&](const auto& configSm) {
     if (!configSm || !configSm->routeInputDirSm()) return;
-    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) {
-      if (sm->unresolvedRouteBacklog()) n += sm->unresolvedRouteBacklog()->backlogCount();
-    }
+    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) n += count(*sm);
   };
-  forEachWorld([&](World& w) {
-    if (!w.root()) return;
+  if (w.root()) {
     add(w.root()->routingConfigSm());
     add(w.root()->routing6ConfigSm());
+  }
+  return n;
+}
+
+}  // namespace
+
+std::size_t Scenario::unresolvedCount() {
+  std::size_t n = 0;
+  forEachWorld([&n](World& w) {
+    n += sumOverRouteInputs(w, [](const auto& sm) {
+      return sm.unresolvedRouteBacklog() ? sm.unresolvedRouteBacklog()->backlogCount() : 0;
+    });
   });
   World::leave();
   return n;
@@ -191,16 +204,10 @@ namespace {
 // Keys waiting in the module's backlogs of one world (interfaces, and routes per input).
 std::size_t queuedKeys(World& w) {
   if (!w.root()) return 0;
-  std::size_t n = w.root()->intfBacklog() ? w.root()->intfBacklog()->backlogCount() : 0;
-  auto add = [&n](const auto& configSm) {
-    if (!configSm || !configSm->routeInputDirSm()) return;
-    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) {
-      if (sm->routeBacklog()) n += sm->routeBacklog()->backlogCount();
-    }
-  };
-  add(w.root()->routingConfigSm());
-  add(w.root()->routing6ConfigSm());
-  return n;
+  const std::size_t intfs = w.root()->intfBacklog() ? w.root()->intfBacklog()->backlogCount() : 0;
+  return intfs + sumOverRouteInputs(w, [](const auto& sm) {
+           return sm.routeBacklog() ? sm.routeBacklog()->backlogCount() : 0;
+         });
 }
 
 }  // namespace
