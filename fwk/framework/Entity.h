@@ -36,9 +36,14 @@ struct AttributeInfo {
 class Entity : public PtrInterface, public NotifierBase {
  public:
   const Name& name() const { return name_; }
-  // Kept by the framework for the state database's lifecycle; the module's logic ignores it.
+  // Kept by the framework for the state database's lifecycle; the module's logic ignores it. A
+  // change is reported to the notifiees as LifeEvent::isNondestructing.
   bool isNondestructing() const { return isNondestructing_; }
-  void isNondestructingIs(bool v) { isNondestructing_ = v; }
+  void isNondestructingIs(bool v) {
+    if (v == isNondestructing_) return;
+    isNondestructing_ = v;
+    kelLifeEventIs(LifeEvent::isNondestructing);
+  }
   // The registered name of a declared attribute; a twin type that registers other names than
   // it declares hides this (KEL_TWIN_NAMES, Attributes.h).
   static const char* kelAttrName(const char* declared) { return declared; }
@@ -47,6 +52,9 @@ class Entity : public PtrInterface, public NotifierBase {
 
  protected:
   explicit Entity(Name name) : name_(std::move(name)) { ++live_; }
+  void kelLifeEventIs(LifeEvent e) const {
+    deliver<NotifieeBase>([e](NotifieeBase& n) { n.kelLifeEvent(e); });
+  }
   ~Entity() override { --live_; }
 
  private:

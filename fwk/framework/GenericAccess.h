@@ -360,6 +360,9 @@ class GenericIf_ : public GenericIf {
   }
   // The value of a value type (for its GenericIf made from text).
   const T& typed() const { return *object_; }
+  // The entity itself (for the generic notifiee).
+  const Holder<T>& entity() const { return object_; }
+  GenericNotifieePtr notifieeNew() const override;  // GenericIfAdapter.h
 
   std::string attributeOp(AttributeOp op, unsigned id, std::string_view text) override {
     const AttrAccess<T>& a = access(id);
@@ -457,3 +460,6 @@ GenericIfPtr genericIfFromText(std::string_view text) {
 }
 
 }  // namespace Kel
+
+// GenericIf_::notifieeNew needs the adapter, which needs GenericIf_.
+#include "fwk/framework/GenericIfAdapter.h"

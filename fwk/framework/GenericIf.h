@@ -19,8 +19,11 @@
 // that throws has changed nothing.
 // An object reached through a pointer to a const entity (an input) is read-only: set and call
 // raise "<Type> is read-only here".
+// notifieeNew() makes a generic notifiee watching the entity (GenericNotifiee below); watching is
+// reading, so read-only objects can be watched too.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -34,6 +37,28 @@ enum class AttributeOp { read, set };
 
 class GenericIf;
 using GenericIfPtr = std::unique_ptr<GenericIf>;
+
+// A notifiee of one entity, driven by attribute names: the type-erased face of the generic
+// adapter GenericIf_Adapter_<T> (GenericIfAdapter.h), which says when callbacks run. Besides the
+// declared attributes, the framework rows "isNondestructing" and (for referenced entities)
+// "zeroReferencesIs" are reported when the entity's life ends that way.
+class GenericNotifiee {
+ public:
+  using Callback = std::function<void()>;
+  virtual ~GenericNotifiee() = default;
+
+  virtual const TypeRecord& type() const = 0;
+  // Raises "<Type> has no attribute '<name>'" for an unknown name.
+  virtual void onAttributeIs(std::string_view name, Callback callback) = 0;
+  virtual void onNotificationExceptionIs(std::function<void(unsigned)> f) = 0;
+  // Ids changed and not handled yet, in the order of their first change.
+  virtual const std::vector<unsigned>& pending() const = 0;
+  virtual void handleNotification() = 0;
+  // Watches another entity of the same type, or nothing (null); what was pending is dropped.
+  // Raises "<Type> notifiee cannot watch <Other>" for an object of another type.
+  virtual void notifierIs(const GenericIf* object) = 0;
+};
+using GenericNotifieePtr = std::unique_ptr<GenericNotifiee>;
 
 // A walk over one collection attribute. Holds its object alive; a deleted member (deleteCurrent,
 // or any removal meanwhile) never invalidates it.
@@ -76,6 +101,9 @@ class GenericIf {
   // "<Type> takes N attribute values, M given", or the type's own parse errors.
   virtual GenericIfPtr genericIfListConstructor(const std::vector<std::string>& values) const = 0;
 
+  // A generic notifiee watching this entity; a value raises "<Type> is a value: nothing to
+  // watch".
+  virtual GenericNotifieePtr notifieeNew() const = 0;
   // Notifiee operations of reactors (others raise "<Type> is not a reactor").
   virtual void hasNotificationActiveIs(bool active) = 0;
   virtual void kelDoZombieReactors(bool doIt) = 0;

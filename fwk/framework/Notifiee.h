@@ -18,6 +18,11 @@ namespace Kel {
 
 class NotifierBase;
 
+// The ends of a watched entity's life that the framework reports to its notifiees, besides the
+// changes of its declared attributes: the state database marks it as going away
+// (Entity::isNondestructingIs), its outside references ended (ReferencedEntity::zeroReferencesIs).
+enum class LifeEvent { isNondestructing, zeroReferences };
+
 class NotifieeBase {
  public:
   NotifieeBase() {
@@ -33,6 +38,10 @@ class NotifieeBase {
   // Delivery switch that keeps the registration.
   bool hasNotificationActive() const { return active_; }
   void hasNotificationActiveIs(bool active) { active_ = active; }
+
+  // Told of a life event of the notifier; most notifiees ignore them (the generic adapter,
+  // GenericIfAdapter.h, reports them by attribute name).
+  virtual void kelLifeEvent(LifeEvent) {}
 
   // While a collector is set, every notifiee made is appended to it (a reactor's factory learns
   // so which adapters the new reactor owns). Returns the previous collector.

@@ -11,7 +11,8 @@
 //   kelDoZombieReactors(b)      the hook through which the framework tears down reactors whose
 //                               owner is gone; the module adds no logic to it, it is recorded only
 // A ReferencedEntity carries zeroReferencesIs(b), through which the framework reports that the
-// entity's outside references ended; recorded only, nothing of the module acts on it.
+// entity's outside references ended; recorded and reported to its notifiees as a life event
+// (Notifiee.h), nothing of the module acts on it.
 // Both add rows to the type's attribute table ahead of the declared ones (Attributes.h).
 #pragma once
 
@@ -55,7 +56,11 @@ class Reactor : public Entity {
 class ReferencedEntity : public Entity {
  public:
   bool zeroReferences() const { return zeroReferences_; }
-  void zeroReferencesIs(bool v) { zeroReferences_ = v; }
+  void zeroReferencesIs(bool v) {
+    if (v == zeroReferences_) return;
+    zeroReferences_ = v;
+    kelLifeEventIs(LifeEvent::zeroReferences);
+  }
 
  protected:
   explicit ReferencedEntity(Name name) : Entity(std::move(name)) {}

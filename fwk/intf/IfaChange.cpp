@@ -60,6 +60,10 @@ struct Affected {
 
 // Gives a set-aside route its preference back with its gateways kept. The daemon negates a
 // preference to set a route aside and marks a 0 that became -1, so the reversal is exact.
+// The daemon's route-change routine needs no bookkeeping of ours here: a set-aside entry stays on
+// its gateway's route queue and in that gateway's IPv6 prefix tree, and rt_change_s re-sorts it
+// among its prefix's entries itself, so no route moves between gateways (no gw_alloc, gw_free or
+// ptree_insert/ptree_remove on the module's side).
 void reactivate(rt_entry* rt) {
   rt_change_parms rtcp{};
   rtcp.rtcp_preference = (rt->rt_state & RTS_SETASIDE_ZERO) ? 0 : -rt->rt_preference;

@@ -183,4 +183,42 @@ TEST(GenericIfAdapter, ChangesReachTheirCallbacksOnceInOrderOfFirstChange) {
   EXPECT_TRUE(adapter.pending().empty());
 }
 
+TEST(GenericIfAdapter, MadeByNameReportsLifeEndsAndMovesOnlyToItsOwnType) {
+  kelInitInterfaceRouteInfo();
+  auto first = intfBacklogFactory(Kel::Name("first"));
+  auto second = intfBacklogFactory(Kel::Name("second"));
+  Kel::GenericNotifieePtr n = Kel::genericIf(first)->notifieeNew();
+  std::vector<std::string> calls;
+  for (const char* a : {"backlogQuantum", "isNondestructing", "zeroReferencesIs"}) {
+    n->onAttributeIs(a, [&calls, a] { calls.push_back(a); });
+  }
+  first->backlogQuantumIs(2);
+  first->zeroReferencesIs(true);
+  first->zeroReferencesIs(true);  // unchanged: not reported again
+  first->isNondestructingIs(true);
+  n->handleNotification();
+  EXPECT_EQ(calls,
+            (std::vector<std::string>{"backlogQuantum", "zeroReferencesIs", "isNondestructing"}));
+
+  // Moved to another backlog: what was pending is dropped, the old one is no longer heard.
+  calls.clear();
+  first->backlogQuantumIs(3);
+  n->notifierIs(Kel::genericIf(second).get());
+  EXPECT_TRUE(n->pending().empty());
+  first->backlogQuantumIs(4);
+  second->isNondestructingIs(true);
+  n->handleNotification();
+  EXPECT_EQ(calls, (std::vector<std::string>{"isNondestructing"}));
+  n->notifierIs(nullptr);
+  second->backlogQuantumIs(5);
+  EXPECT_TRUE(n->pending().empty());
+
+  EXPECT_EQ(
+      errorOf([&] { n->notifierIs(Kel::genericIf(routeBacklogFactory(Kel::Name("r"))).get()); }),
+      "InterfaceRouteInfo::IntfBacklog notifiee cannot watch InterfaceRouteInfo::RouteBacklog");
+  EXPECT_EQ(
+      errorOf([] { Kel::genericIfFromText<IpAddrSet>(IpAddrSet().toString())->notifieeNew(); }),
+      "InterfaceRouteInfo::IpAddrSet is a value: nothing to watch");
+}
+
 }  // namespace

@@ -60,8 +60,13 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   publish(bgp, "100.65.0.0/16", {{"", "10.0.9.2"}});  // served by nothing: parked
   daemonAddr(1, "10.0.3.1/24");                       // a second address of et1
   publish(bgp, "198.19.0.0/16", {{"", "10.0.1.6"}, {"", "10.0.3.6"}});
+  daemonAddr(1, "2001:db8:1::1/64");
+  publish6(input6("ripng", 10, 5), "2001:db8:9::/48", {{"", "2001:db8:1::2"}});
   start();
   run();
+  gw_entry* gw6 = root_->routing6ConfigSm()->routeInputDirSm()->routeInputSm("ripng")->gwp();
+  rt_entry* rt6 = gw6->gw_rt_first;
+  ASSERT_EQ(gw6->gw_n_routes, 1u);
   ASSERT_TRUE(foreignRoute("100.64.0.0", "10.0.1.9"));
   ASSERT_TRUE(parked(sm("bgp"), "100.65.0.0/16"));
 
@@ -71,8 +76,8 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   rec_.clear();
   corvd_host_link(1, "et1", false);
   const auto details = messages(rec_, 8);
-  EXPECT_EQ(count(details, "Handle ifa_change for ipv4  bash added routes"), 2);  // per address
-  EXPECT_EQ(count(details, "Handle ifa_change for ipv6  bash added routes"), 2);
+  EXPECT_EQ(count(details, "Handle ifa_change for ipv4  bash added routes"), 3);  // per address
+  EXPECT_EQ(count(details, "Handle ifa_change for ipv6  bash added routes"), 3);
   const auto ev = events(rec_);
   EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.1.2"), 1);
   EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.1.3"), 1);
@@ -83,6 +88,7 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   EXPECT_TRUE(sm("bgp")->routeBacklog()->backlog(key("100.65.0.0/16")));
   EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref -20 via 10.0.1.2 dev et1");
   EXPECT_EQ(daemonRoutes(7).at("198.18.0.0/24"), "pref -1 via 10.0.1.4 dev et1");
+  EXPECT_EQ(daemonRoutes(10).at("2001:db8:9::/48"), "pref -5 via 2001:db8:1::2 dev et1");
   run();
   EXPECT_TRUE(parked(sm("bgp"), "100.65.0.0/16"));
 
@@ -92,7 +98,13 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   // foreign entry is left to the daemon.
   const auto changes = corvd_call_count("rt_change_s");
   corvd_host_link(1, "et1", true);
-  EXPECT_EQ(corvd_call_count("rt_change_s"), changes + 4);
+  EXPECT_EQ(corvd_call_count("rt_change_s"), changes + 5);
+  // The IPv6 entry is changed in place: it stays its gateway's only entry and the one its
+  // gateway's prefix tree holds, so no gateway bookkeeping is left to the module.
+  EXPECT_EQ(daemonRoutes(10).at("2001:db8:9::/48"), "pref 5 via 2001:db8:1::2 dev et1");
+  EXPECT_EQ(gw6->gw_rt_first, rt6);
+  EXPECT_EQ(gw6->gw_n_routes, 1u);
+  EXPECT_EQ(ptree_find(gw6->gw_ptree, &rt6->rt_head->rth_dest, rt6->rt_head->rth_dest_mask), rt6);
   EXPECT_EQ(daemonRoutes(8).at("198.19.0.0/16"),
             "pref 20 via 10.0.1.6 dev et1, via 10.0.3.6 dev et1");
   EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref 20 via 10.0.1.2 dev et1");

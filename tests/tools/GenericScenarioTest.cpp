@@ -1,5 +1,5 @@
-// corvd-sim's generic lines (get, set, ls, call): paths from root-VRF through attributes and keyed
-// members (keys with '/'), the IPv6 twins' names, a new backlogDelay never moving a pending
+// corvd-sim's generic lines (get, set, ls, call, watch): paths from root-VRF through attributes and
+// keyed members (keys with '/'), the IPv6 twins' names, a new backlogDelay never moving a pending
 // drain, and every kind of bad input refused with the path named and nothing changed.
 #include <gtest/gtest.h>
 
@@ -91,6 +91,29 @@ TEST_F(GenericLines, NewBacklogDelayNeverMovesAPendingDrain) {
   EXPECT_EQ(sm->backlogClockTimeMin(), armed);
   run("set root-default/intfBacklog/backlogDelay 7");
   EXPECT_EQ(sm->backlogClockTimeMin(), armed);
+}
+
+TEST_F(GenericLines, WatchReportsChangesOncePerLineUntilUnwatchedOrStopped) {
+  EXPECT_EQ(run("watch root-default/intfBacklog\nwatch " + kBgp + "/routeBacklog\n"), "");
+  // One line's changes, each attribute once, in the order of its first change, watch by watch.
+  EXPECT_EQ(run("set root-default/intfBacklog/backlogQuantum 0.25\n"
+                "route default bgp 10.8.0.0/16 via 10.0.1.2\n"),
+            "root-default/intfBacklog: backlogQuantum 0.25\n" + kBgp +
+                "/routeBacklog: backlog {'10.8.0.0/16': True}\n");
+  EXPECT_EQ(run("run 1\n"), kBgp + "/routeBacklog: backlog {}\n");
+  EXPECT_EQ(error("watch root-default/intfBacklog"),
+            "t.scn:1: root-default/intfBacklog: watched already");
+  EXPECT_EQ(error("watch root-default/intfBacklog/backlogQuantum"),
+            "t.scn:1: root-default/intfBacklog/backlogQuantum: "
+            "InterfaceRouteInfo::IntfBacklog::backlogQuantum is not an object");
+  EXPECT_EQ(
+      run("unwatch root-default/intfBacklog\nset root-default/intfBacklog/backlogQuantum 1\n"), "");
+  EXPECT_EQ(error("unwatch root-default/intfBacklog"),
+            "t.scn:1: root-default/intfBacklog: not watched");
+  // Stopping the VRF drops its watches (they would keep its reactors alive).
+  run("stop default");
+  EXPECT_EQ(error("unwatch " + kBgp + "/routeBacklog"),
+            "t.scn:1: " + kBgp + "/routeBacklog: not watched");
 }
 
 TEST_F(GenericLines, BadInputNamesThePathAndChangesNothing) {

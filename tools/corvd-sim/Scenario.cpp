@@ -71,8 +71,10 @@ struct Scenario::State {
   bool realTime = false;
   std::map<std::string, std::uint32_t> devices;  // kernel device -> ifIndex
   std::map<std::string, IntfInfo> intfs;
+  Watches watches;  // hold objects of the worlds: they go first
 
   ~State() {
+    watches.clear();
     worlds.clear();
     World::leave();
   }
@@ -112,6 +114,7 @@ void Scenario::forEachWorld(const std::function<void(World&)>& fn) {
 bool Scenario::stopWorld(const std::string& vrf) {
   auto it = s_->worlds.find(vrf);
   if (it == s_->worlds.end()) return false;
+  s_->watches.dropVrf(vrf);
   s_->worlds.erase(it);
   World::leave();
   return true;
@@ -213,6 +216,11 @@ std::size_t queuedKeys(World& w) {
 }  // namespace
 
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {
+  runCommand(line, source, lineNo);
+  s_->watches.report(out_);
+}
+
+void Scenario::runCommand(const std::string& line, const std::string& source, int lineNo) {
   auto fail = [&](const std::string& why) -> void {
     throw ScenarioError(source + ":" + std::to_string(lineNo) + ": " + why);
   };
@@ -458,6 +466,7 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
       need(2, 2, "stop VRF");
       auto it = s.worlds.find(w[1]);
       if (it == s.worlds.end() || !it->second->root()) fail("vrf " + w[1] + " is not started");
+      s.watches.dropVrf(w[1]);
       it->second->stopRoot();
     } else if (cmd == "input") {
       need(5, 8, "input VRF NAME proto N [pref N] [ipv6]");
@@ -657,7 +666,7 @@ void Scenario::runLine(const std::string& line, const std::string& source, int l
             auto it = s.worlds.find(vrf);
             return it == s.worlds.end() ? nullptr : it->second.get();
           },
-          out_);
+          out_, s.watches);
     } else {
       fail("unknown command '" + cmd.substr(0, 40) + "'");
     }

@@ -44,6 +44,8 @@
 //   set PATH VALUE                     sets a settable attribute (backlogQuantum, backlogDelay)
 //   ls PATH                            lists an object's attributes or a collection's members
 //   call PATH OPERATION ARGS           runs an operation (doAddBacklog)
+//   watch PATH / unwatch PATH          prints, after every line, the attributes of the object at
+//                                      PATH that changed (as "PATH: ATTR VALUE")
 //                                      PATH: root-VRF/attr/attr[KEY]/...; ScenarioGeneric.h
 //
 // A `via` takes the next hop, a `dev` the interface; one `via` and one `dev` in a row make one
@@ -93,7 +95,7 @@ class Scenario {
   // and the misuses every VRF's daemon recorded.
   std::size_t unresolvedCount();
   std::uint64_t misuseCount();
-  // Runs one line (1-based `line` for errors).
+  // Runs one line (1-based `line` for errors), then reports what the watched objects changed.
   void runLine(const std::string& line, const std::string& source, int lineNo);
 
   // The started Root of VRF `vrf`, or null (for tools that reach the module by name).
@@ -105,6 +107,8 @@ class Scenario {
   bool stopWorld(const std::string& vrf);
 
  private:
+  void runCommand(const std::string& line, const std::string& source, int lineNo);
+
   struct State;
   std::unique_ptr<State> s_;
   std::ostream& out_;

@@ -123,19 +123,79 @@ void checkPreconditions(const Resolved& r, const Kel::GenericIf& o, const std::s
 
 }  // namespace
 
+struct Watches::Watch {
+  World* world;
+  Kel::GenericIfPtr object;
+  Kel::GenericNotifieePtr notifiee;
+};
+
+Watches::Watches() = default;
+Watches::~Watches() = default;
+void Watches::clear() { watches_.clear(); }
+
+void Watches::add(const std::string& path, World* world, Kel::GenericIfPtr object) {
+  if (watches_.count(path)) bad("watched already");
+  auto w = std::make_unique<Watch>(Watch{world, std::move(object), nullptr});
+  w->notifiee = w->object->notifieeNew();
+  // Every attribute prints its text as it is when the report runs.
+  const Kel::GenericIf& o = *w->object;
+  const std::string& key = watches_.emplace(path, std::move(w)).first->first;
+  auto& n = *watches_.at(key)->notifiee;
+  for (const Kel::AttributeRecord& a : o.type().attributes) {
+    n.onAttributeIs(a.name, [this, &key, &o, &a] {
+      *out_ << key << ": " << a.name << " " << const_cast<Kel::GenericIf&>(o).attributeString(a.id)
+            << "\n";
+    });
+  }
+}
+
+void Watches::remove(const std::string& path) {
+  if (!watches_.erase(path)) bad("not watched");
+}
+
+void Watches::report(std::ostream& out) {
+  for (auto& [path, w] : watches_) {
+    if (w->notifiee->pending().empty()) continue;
+    w->world->enter();
+    out_ = &out;
+    w->notifiee->handleNotification();
+  }
+}
+
+void Watches::dropVrf(const std::string& vrf) {
+  const std::string prefix = "root-" + vrf;
+  std::erase_if(watches_, [&](const auto& entry) {
+    const std::string& path = entry.first;
+    return path.rfind(prefix, 0) == 0 &&
+           (path.size() == prefix.size() || path[prefix.size()] == '/');
+  });
+}
+
 bool isGenericCommand(const std::string& cmd) {
-  return cmd == "get" || cmd == "set" || cmd == "ls" || cmd == "call";
+  return cmd == "get" || cmd == "set" || cmd == "ls" || cmd == "call" || cmd == "watch" ||
+         cmd == "unwatch";
 }
 
 void runGenericCommand(const std::vector<std::string>& w,
-                       const std::function<World*(const std::string&)>& world, std::ostream& out) {
+                       const std::function<World*(const std::string&)>& world, std::ostream& out,
+                       Watches& watches) {
   const std::string& cmd = w[0];
-  if ((cmd == "get" || cmd == "ls") && w.size() != 2) bad("usage: " + cmd + " PATH");
+  if ((cmd == "get" || cmd == "ls" || cmd == "watch" || cmd == "unwatch") && w.size() != 2) {
+    bad("usage: " + cmd + " PATH");
+  }
   if (cmd == "set" && w.size() != 3) bad("usage: set PATH VALUE");
   if (cmd == "call" && w.size() < 3) bad("usage: call PATH OPERATION ARGS");
   const std::string& path = w[1];
   try {
+    if (cmd == "unwatch") {
+      watches.remove(path);
+      return;
+    }
     Resolved r = resolve(path, world);
+    if (cmd == "watch") {
+      watches.add(path, r.world, object(r));
+      return;
+    }
     if (cmd == "call") {
       Kel::GenericIfPtr o = object(r);
       const std::vector<std::string> args(w.begin() + 3, w.end());

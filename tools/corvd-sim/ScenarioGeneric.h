@@ -11,6 +11,11 @@
 //                            "name()"), or, for a collection, its members ("key value" per line)
 //   call PATH OPERATION ARGS runs an operation of the object at PATH (doAddBacklog of the
 //                            interface backlog and of the route backlog reactors)
+//   watch PATH               watches the object at PATH through a generic notifiee: after every
+//                            later line, each attribute that changed meanwhile is printed once,
+//                            in the order of its first change, as "PATH: ATTR VALUE" (the ends
+//                            of its life too: isNondestructing, zeroReferencesIs)
+//   unwatch PATH             stops watching it
 // A PATH starts at a VRF's root, named root-NAME, and follows attribute names separated by '/';
 // a collection member is written ATTR[KEY], and a KEY may hold '/' (a route prefix):
 //   root-default/intfBacklog/backlogQuantum
@@ -23,18 +28,42 @@
 
 #include <functional>
 #include <iosfwd>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "fwk/framework/GenericIf.h"
 #include "tools/corvd-sim/World.h"
 
 namespace CorvdSim {
+
+// The objects watched by `watch` lines. A watch holds its object (and keeps it alive), so the
+// watches of a VRF go before its module is stopped.
+class Watches {
+ public:
+  Watches();
+  ~Watches();
+  void add(const std::string& path, World* world, Kel::GenericIfPtr object);
+  void remove(const std::string& path);
+  // Prints what changed since the last report, watch by watch in path order.
+  void report(std::ostream& out);
+  // Drops the watches into VRF `vrf` (every path starts with root-VRF).
+  void dropVrf(const std::string& vrf);
+  void clear();
+
+ private:
+  struct Watch;
+  std::map<std::string, std::unique_ptr<Watch>> watches_;
+  std::ostream* out_ = nullptr;
+};
 
 bool isGenericCommand(const std::string& cmd);
 
 // Runs one generic line, split into words. `world` gives the VRF's world, or null. Errors are
 // Kel::RangeException.
 void runGenericCommand(const std::vector<std::string>& words,
-                       const std::function<World*(const std::string&)>& world, std::ostream& out);
+                       const std::function<World*(const std::string&)>& world, std::ostream& out,
+                       Watches& watches);
 
 }  // namespace CorvdSim
