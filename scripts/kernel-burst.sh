@@ -3,8 +3,9 @@
 # source namespace while `corvd-sim --kernel SRC --fib DST` runs. Prints, per run, the wall time
 # from the start of the burst until the target namespace holds every route of protocol 73, the
 # time `ip -batch` itself took, the routes per second, the netlink overruns and the longest
-# slice of corvd-sim's loop (one read of the socket or one world's run of its due clocks).
-# Needs root and iproute2; builds nothing (run scripts/test.sh or a build first).
+# slice of corvd-sim's loop (one read of the socket, one due callback, or one FIB update).
+# Needs root and iproute2; builds nothing (run scripts/test.sh or a build first). With
+# IRI_BURST_VERBOSE=1 it also prints corvd-sim's kernel summary line (the longest turn of each kind).
 #   scripts/kernel-burst.sh [RUNS] [ROUTES]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -45,6 +46,7 @@ for ((run = 1; run <= runs; ++run)); do
   wait "$pid" || true
   pid=
   line=$(grep "^== kernel" "$tmp/out")
+  [ -n "${IRI_BURST_VERBOSE:-}" ] && echo "$line"
   overruns=$(sed 's/.* overruns \([0-9]*\).*/\1/' <<<"$line")
   slice=$(sed 's/.* longest-slice \([0-9.e-]*\).*/\1/' <<<"$line")
   awk -v s="$start" -v a="$added" -v e="$end" -v n="$routes" -v o="$overruns" -v l="$slice" \

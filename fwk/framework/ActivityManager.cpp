@@ -87,17 +87,34 @@ std::size_t ActivityManager::firePass() {
   std::size_t fired = 0;
   for (const Due& d : due) {
     if (stopRequested_) break;
-    auto it = d.clock->queue_.find(d.key);
-    if (it == d.clock->queue_.end()) continue;
-    Clock::Notifiee* n = it->second;
-    n->dequeue();
-    n->timeMin_ = endOfTime;
-    if (!n->hasNotificationActive() || !n->isRegisteredNotifiee()) continue;
-    ++fired;
-    ++fired_;
-    n->onTime();
+    fired += fire(*d.clock, d.key);
   }
   return fired;
+}
+
+std::size_t ActivityManager::fire(Clock& c, const Clock::Key& key) {
+  auto it = c.queue_.find(key);
+  if (it == c.queue_.end()) return 0;
+  Clock::Notifiee* n = it->second;
+  n->dequeue();
+  n->timeMin_ = endOfTime;
+  if (!n->hasNotificationActive() || !n->isRegisteredNotifiee()) return 0;
+  ++fired_;
+  n->onTime();
+  return 1;
+}
+
+std::size_t ActivityManager::runFirstDue() {
+  RunScope scope(*this);
+  Clock* first = nullptr;
+  for (Clock* c : clocks_) {
+    if (c->queue_.empty() || c->queue_.begin()->first.time > currentTime()) continue;
+    if (!first || c->queue_.begin()->first < first->queue_.begin()->first) first = c;
+  }
+  if (!first) return 0;
+  const Ptr<Clock> keep(first);
+  const Clock::Key key = first->queue_.begin()->first;
+  return fire(*first, key);
 }
 
 void ActivityManager::waitUntil(double t) {

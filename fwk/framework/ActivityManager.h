@@ -14,6 +14,9 @@
 // - runUntilIdle(): passes until nothing is armed, jumping (manual) or sleeping (real) to each
 //   next armed time; at most maxPasses passes, so a notifiee that re-arms itself forever cannot
 //   hang a test.
+// - runFirstDue(): fires the earliest due arming alone (0 or 1 callbacks); a host loop that
+//   polls its own sources between callbacks uses it, so it never holds the thread for more than
+//   one callback at a time.
 // - stop() makes the running loop return after the current callback; a later run starts afresh.
 // All three return the number of callbacks run. Running the loop from inside one of its callbacks
 // raises Kel::Exception. An exception escaping a callback propagates to the loop's caller; the
@@ -100,6 +103,7 @@ class ActivityManager {
   bool idle() const { return nextTime() == endOfTime; }
 
   std::size_t runOnce();
+  std::size_t runFirstDue();
   std::size_t runUntil(double t, std::size_t maxPasses = kDefaultMaxPasses);
   std::size_t runUntilIdle(std::size_t maxPasses = kDefaultMaxPasses);
   void stop() { stopRequested_ = true; }
@@ -116,6 +120,8 @@ class ActivityManager {
   void clockDel(Clock* c);
   std::uint64_t armingSeqNew() { return nextSeq_++; }
   std::size_t firePass();
+  // Fires the arming `key` of `c` when it is still armed; returns 1 when a callback ran.
+  std::size_t fire(Clock& c, const Clock::Key& key);
   void waitUntil(double t);
 
   class RunScope;

@@ -60,6 +60,27 @@ TEST_F(ClockTest, EqualTimesFireInArmingOrderAndReArmingMovesToTheBack) {
   EXPECT_TRUE(am->idle());
 }
 
+// One callback at a time, across clocks, in (time, arming) order; nothing before its time.
+TEST_F(ClockTest, RunFirstDueFiresTheEarliestDueArmingAlone) {
+  auto other = Kel::make<Kel::Clock>("other", am);
+  Probe a("a"), b("b", other), c("c", other), d("d");
+  a.timeMinIs(1.5);
+  b.timeMinIs(1);
+  c.timeMinIs(1.5);  // armed after a, at the same time
+  d.timeMinIs(2.5);
+  am->manualTime()->timeIs(0.5);
+  EXPECT_EQ(am->runFirstDue(), 0u);
+  am->manualTime()->timeIs(2);
+  b.action = [&] { d.timeMinIs(1.75); };  // armed by a callback: due at its turn, not at once
+  for (const char* want : {"b", "a", "c", "d"}) {
+    EXPECT_EQ(am->runFirstDue(), 1u);
+    EXPECT_EQ(fired.back(), want);
+    EXPECT_EQ(fired.size(), std::string("bacd").find(want[0]) + 1);
+  }
+  EXPECT_EQ(am->runFirstDue(), 0u);
+  EXPECT_EQ(Kel::now(), 2);  // it never moves the time
+}
+
 TEST_F(ClockTest, CallbacksChangeOtherArmingsAndArmingsMadeDuringAPassWait) {
   Probe a("a"), b("b"), c("c"), d("d");
   auto e = std::make_unique<Probe>("e");

@@ -84,7 +84,7 @@ void KernelRunner::line(const std::string& text) {
 void KernelRunner::vrfGone(const std::string& vrf) {
   if (fib_) fib_->forget(vrf);
   daemonVersions_.erase(vrf);
-  fibBehind_.erase(vrf);
+  fibPending_.erase(vrf);
   scenario_.stopWorld(vrf);
 }
 
@@ -126,40 +126,79 @@ void KernelRunner::readSource(double until) {
   if (source_->routeDumpWanted()) resync(KernelSource::kRoutes4);
 }
 
-void KernelRunner::runWorlds() {
+void KernelRunner::noteDaemon(const std::string& vrf) {
+  if (!fib_) return;
+  const std::uint64_t v = daemonVersion();
+  auto [it, isNew] = daemonVersions_.try_emplace(vrf, v);
+  if (isNew || it->second != v) fibPending_.insert(vrf);
+  it->second = v;
+}
+
+bool KernelRunner::runOneCallback() {
+  // The worlds after the one that ran last come first, so that a busy VRF cannot starve others.
+  bool ran = false;
+  const auto tryWorld = [&](World& w, bool afterLast) {
+    if (ran || (w.vrf() > lastWorld_) != afterLast) return;
+    if (w.activity().runFirstDue() == 0) return;
+    ran = true;
+    lastWorld_ = w.vrf();
+    noteDaemon(w.vrf());
+  };
+  scenario_.forEachWorld([&](World& w) { tryWorld(w, true); });
+  scenario_.forEachWorld([&](World& w) { tryWorld(w, false); });
+  World::leave();
+  return ran;
+}
+
+bool KernelRunner::syncOneFib() {
+  if (!fib_ || fibPending_.empty()) return false;
+  auto next = fibPending_.upper_bound(lastFib_);
+  const std::string vrf = next == fibPending_.end() ? *fibPending_.begin() : *next;
+  lastFib_ = vrf;
+  bool behind = false;
   scenario_.forEachWorld([&](World& w) {
-    const double start = monotonic();
-    w.activity().runUntil(w.activity().currentTime());
-    const std::uint64_t v = daemonVersion();
-    auto [it, isNew] = daemonVersions_.try_emplace(w.vrf(), v);
-    if (fib_ && (isNew || it->second != v || fibBehind_.count(w.vrf()))) {
-      fib_->sync(w.vrf());
-      if (fib_->behind()) {
-        fibBehind_.insert(w.vrf());
-      } else {
-        fibBehind_.erase(w.vrf());
-      }
-    }
-    it->second = v;
-    counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
+    if (w.vrf() != vrf) return;
+    fib_->sync(vrf);
+    behind = fib_->behind();
   });
   World::leave();
+  if (!behind) fibPending_.erase(vrf);
+  return true;
 }
 
 bool KernelRunner::turn(double maxWait, int extraFd) {
-  double next = fibBehind_.empty() ? maxWait : 0;
+  double due = maxWait;
   scenario_.forEachWorld([&](World& w) {
-    const double due = w.activity().nextTime() - w.activity().currentTime();
-    next = std::min(next, std::max(due, 0.0));
+    noteDaemon(w.vrf());  // lines applied since (a route input removed, say) change it directly
+    due = std::min(due, std::max(w.activity().nextTime() - w.activity().currentTime(), 0.0));
   });
   World::leave();
+  const double wait = fibPending_.empty() ? due : 0;
   pollfd fds[2] = {{nl_.fd(), POLLIN, 0}, {extraFd, POLLIN, 0}};
-  const int ms = static_cast<int>(std::ceil(std::max(next, 0.0) * 1000));
-  poll(fds, extraFd >= 0 ? 2 : 1, ms);
+  poll(fds, extraFd >= 0 ? 2 : 1, static_cast<int>(std::ceil(wait * 1000)));
+  const bool readable = fds[0].revents & (POLLIN | POLLERR);
   const double start = monotonic();
-  if (fds[0].revents & (POLLIN | POLLERR)) readSource(start + kReadSlice);
+  for (int i = 0; i < 3; ++i) {
+    const int phase = (phase_ + i) % 3;
+    bool did = false;
+    if (phase == 0 && readable) {
+      readSource(start + kReadSlice);
+      did = true;
+    } else if (phase == 1) {
+      did = runOneCallback();
+    } else if (phase == 2) {
+      did = syncOneFib();
+    }
+    if (did) {
+      phase_ = (phase + 1) % 3;
+      double& longest = phase == 0   ? counters_.longestRead
+                        : phase == 1 ? counters_.longestCallback
+                                     : counters_.longestFib;
+      longest = std::max(longest, monotonic() - start);
+      break;
+    }
+  }
   counters_.longestSlice = std::max(counters_.longestSlice, monotonic() - start);
-  runWorlds();
   return extraFd >= 0 && (fds[1].revents & POLLIN);
 }
 
@@ -171,7 +210,8 @@ void KernelRunner::show() {
   out_ << "== kernel " << opts_.netns << ": messages " << s.messages << " lines " << s.lines
        << " ignored " << s.ignored << " unspec-proto " << s.unspecProto << " overruns "
        << counters_.overruns << " resyncs " << counters_.resyncs << " refused " << counters_.refused
-       << " longest-slice " << counters_.longestSlice << "\n";
+       << " longest-slice " << counters_.longestSlice << " (read " << counters_.longestRead
+       << " callback " << counters_.longestCallback << " fib " << counters_.longestFib << ")\n";
   if (fib_) {
     const auto& f = fib_->counters();
     out_ << "== fib " << fib_->netns() << " proto " << int(kFibProtocol) << ": installed "

@@ -3,10 +3,13 @@
 //
 // KernelRunner owns the worlds (a Scenario on the real clock, fed by a KernelSource) and the
 // netlink socket. turn() is one pass of the event loop: it waits, with poll, until the socket is
-// readable or the earliest armed clock of any world is due (never longer than asked), reads the
-// kernel's messages for at most kReadSlice seconds, runs every world's due clocks, and then
-// brings the forwarding table in line with each daemon that changed. The backlogs thus drain on
-// their quantum and delay in real time while the kernel keeps changing.
+// readable or the earliest armed clock of any world is due (never longer than asked, and not at
+// all while work is left), then does one piece of work, taken in rotation so that none starves
+// the others: read the kernel's messages for at most kReadSlice seconds, or run one due callback
+// of one world (a backlog drain takes one quantum), or bring the forwarding table in line with
+// one daemon that changed (FibSink bounds a sync). So the loop is never held longer than the
+// longest of those, and the backlogs drain on their quantum and delay in real time while the
+// kernel keeps changing.
 // An overrun (the kernel dropped messages: ENOBUFS) is counted and answered by a full dump of
 // links, addresses and routes, which brings the worlds back in line; no change is lost silently.
 // Dumps go through a second socket that joins no group, so that a queue full of notifications
@@ -43,7 +46,10 @@ class KernelRunner final : private Publisher {
     std::uint64_t overruns = 0;  // ENOBUFS seen on the source socket
     std::uint64_t resyncs = 0;   // full or IPv4-route dumps after the first
     std::uint64_t refused = 0;   // lines the scenario engine refused
-    double longestSlice = 0;     // longest read, or world run with its FIB update, seconds
+    double longestSlice = 0;     // longest turn from poll to poll, seconds
+    double longestRead = 0;      // ... of those that read the socket
+    double longestCallback = 0;  // ... that ran a world's callback
+    double longestFib = 0;       // ... that synced a FIB
   };
 
   // Opens the sockets, dumps the source namespace and starts the VRFs. Throws NetlinkError
@@ -65,7 +71,11 @@ class KernelRunner final : private Publisher {
   void vrfGone(const std::string& vrf) override;
   void resync(unsigned kinds);
   void readSource(double until);
-  void runWorlds();
+  // Marks the VRFs whose daemon changed since their last sync (and new ones) for a FIB sync;
+  // the world must be entered.
+  void noteDaemon(const std::string& vrf);
+  bool runOneCallback();
+  bool syncOneFib();
 
   KernelOptions opts_;
   std::ostream& out_;
@@ -74,8 +84,11 @@ class KernelRunner final : private Publisher {
   NetlinkSocket dump_;  // dumps
   std::unique_ptr<KernelSource> source_;
   std::unique_ptr<FibSink> fib_;
-  std::map<std::string, std::uint64_t> daemonVersions_;  // by VRF, see runWorlds
-  std::set<std::string> fibBehind_;                      // VRFs whose FIB sync is unfinished
+  std::map<std::string, std::uint64_t> daemonVersions_;  // by VRF, see noteDaemon
+  std::set<std::string> fibPending_;                     // VRFs whose FIB needs a sync
+  int phase_ = 0;          // the piece of work a turn tries first (see turn)
+  std::string lastWorld_;  // the world that ran the last callback
+  std::string lastFib_;    // the VRF synced last
   Counters counters_;
   int lineNo_ = 0;
 };
