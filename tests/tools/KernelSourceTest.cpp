@@ -173,14 +173,20 @@ TEST_F(KernelSourceTest, LinksAddressesAndRoutesFollowTheKernel) {
     return has(linkBlock(s, "a0"), "10.1.0.9/24") && !has(linkBlock(s, "a0"), "10.1.0.1/24");
   })) << show(r);
   // Link down and up again. The kernel drops the IPv4 routes over the link without a word: a
-  // route dump must withdraw them (the daemon alone would only set the route aside).
+  // route dump must withdraw them from their route input too, not only from the daemon.
   ns.ip("route add 10.7.0.0/16 via 10.5.0.7 proto static");
   EXPECT_TRUE(waitFor(r, [](auto& s) { return has(active(s, "10.7.0.0/16"), "dev b0"); }))
       << show(r);
+  const auto staticSm =
+      r.scenario().root("default")->routingConfigSm()->routeInputDirSm()->routeInputSm(
+          "rtproto-static");
+  const auto key = Routing::RouteKey::fromString("10.7.0.0/16");
+  ASSERT_TRUE(staticSm && staticSm->route(key));
   ns.ip("link set b0 down");
-  EXPECT_TRUE(waitFor(r, [](auto& s) {
+  EXPECT_TRUE(waitFor(r, [&](auto& s) {
     const auto b = linkBlock(s, "b0");
-    return !b.empty() && !has(b.substr(0, b.find('\n')), "state up") && !has(s, "\n10.7.0.0/16\n");
+    return !b.empty() && !has(b.substr(0, b.find('\n')), "state up") && !staticSm->route(key) &&
+           !has(s, "\n10.7.0.0/16\n");
   })) << show(r);
   ns.ip("link set b0 up");
   EXPECT_TRUE(waitFor(r, [](auto& s) { return has(linkBlock(s, "b0"), "state up"); })) << show(r);

@@ -65,6 +65,7 @@ class KernelRunner final : private Publisher {
   const Counters& counters() const { return counters_; }
   const KernelSource& source() const { return *source_; }
   const FibSink* fib() const { return fib_.get(); }
+  const Scenario& scenario() const { return scenario_; }
 
  private:
   void line(const std::string& text) override;
