@@ -98,17 +98,17 @@ class KernelSourceTest : public ::testing::Test {
   static bool has(const std::string& text, const std::string& what) {
     return text.find(what) != std::string::npos;
   }
-  // The lines of link `dev` in `show interfaces` (its "link" line and its addresses).
+  // The lines of link `dev` in `show interfaces` (its "INDEX: NAME: <FLAGS> ..." line and the
+  // indented ones under it).
   static std::string linkBlock(const std::string& text, const std::string& dev) {
     std::istringstream in(text);
     std::string block, line;
     bool inside = false;
     while (std::getline(in, line)) {
-      if (line.rfind("link ", 0) == 0 || line.rfind("==", 0) == 0) {
-        std::istringstream w(line);
-        std::string link, index, name;
-        w >> link >> index >> name;
-        inside = link == "link" && name == dev;
+      if (!line.empty() && line[0] != ' ') {
+        const auto colon = line.find(": ");
+        inside =
+            colon != std::string::npos && line.compare(colon + 2, dev.size() + 1, dev + ":") == 0;
       }
       if (inside) block += line + "\n";
     }
@@ -185,11 +185,11 @@ TEST_F(KernelSourceTest, LinksAddressesAndRoutesFollowTheKernel) {
   ns.ip("link set b0 down");
   EXPECT_TRUE(waitFor(r, [&](auto& s) {
     const auto b = linkBlock(s, "b0");
-    return !b.empty() && !has(b.substr(0, b.find('\n')), "state up") && !staticSm->route(key) &&
+    return !b.empty() && !has(b.substr(0, b.find('\n')), "state UP") && !staticSm->route(key) &&
            !has(s, "\n10.7.0.0/16\n");
   })) << show(r);
   ns.ip("link set b0 up");
-  EXPECT_TRUE(waitFor(r, [](auto& s) { return has(linkBlock(s, "b0"), "state up"); })) << show(r);
+  EXPECT_TRUE(waitFor(r, [](auto& s) { return has(linkBlock(s, "b0"), "state UP"); })) << show(r);
   // Route replaced, then deleted.
   ns.ip("route replace 10.9.0.0/16 via 10.3.0.5 proto boot");
   EXPECT_TRUE(waitFor(r, [](auto& s) { return has(active(s, "10.9.0.0/16"), "dev a1"); }))

@@ -55,6 +55,7 @@ KernelRunner::KernelRunner(const KernelOptions& opts, std::ostream& out)
       scenario_(out, true),
       nl_(opts.netns, sourceGroups(), opts.sourceBuffer),
       dump_(opts.netns, {}, 4 << 20) {
+  scenario_.traceStampIs(opts.traceStamp);
   if (!opts.fibNetns.empty()) {
     if (sameNetns(opts.netns, opts.fibNetns)) {
       throw NetlinkError("--fib " + opts.fibNetns +
@@ -139,7 +140,7 @@ bool KernelRunner::runOneCallback() {
   bool ran = false;
   const auto tryWorld = [&](World& w, bool afterLast) {
     if (ran || (w.vrf() > lastWorld_) != afterLast) return;
-    if (w.activity().runFirstDue() == 0) return;
+    if (scenario_.runFirstDue(w) == 0) return;
     ran = true;
     lastWorld_ = w.vrf();
     noteDaemon(w.vrf());
@@ -206,6 +207,7 @@ void KernelRunner::show() {
   const std::string json = opts_.json ? " json" : "";
   line("show interfaces" + json);
   line("show routes" + json);
+  line("show counters" + json);
   const auto& s = source_->counters();
   out_ << "== kernel " << opts_.netns << ": messages " << s.messages << " lines " << s.lines
        << " ignored " << s.ignored << " unspec-proto " << s.unspecProto << " overruns "

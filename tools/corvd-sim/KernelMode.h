@@ -37,6 +37,7 @@ struct KernelOptions {
   double forSeconds = -1;       // how long to run; negative: until interrupted
   bool json = false;            // `show` output as JSON
   bool fibKeep = false;         // leave the installed routes in place on exit
+  bool traceStamp = false;      // trace lines carry the time and the VRF
   int sourceBuffer = 64 << 20;  // receive buffer of the source socket, bytes (tests make it small)
 };
 

@@ -13,8 +13,10 @@
 #include "fwk/daemon/host_conf.h"
 #include "fwk/framework/Exception.h"
 #include "fwk/framework/Trace.h"
+#include "tools/corvd-sim/LoopObserver.h"
 #include "tools/corvd-sim/ScenarioArgs.h"
 #include "tools/corvd-sim/ScenarioGeneric.h"
+#include "tools/corvd-sim/ScenarioShow.h"
 #include "tools/corvd-sim/World.h"
 
 namespace CorvdSim {
@@ -64,17 +66,20 @@ void setV6(World& w, const std::string& id, const std::vector<Kanet::Ip6AddrWith
 }  // namespace
 
 struct Scenario::State {
+  LoopObserver observer;  // the trace sink while the worlds live: declared first, goes last
   std::map<std::string, std::unique_ptr<World>> worlds;
   // State-database events in order, replayed into a world made later.
   std::vector<std::function<void(World&)>> stateLog;
   double now = 0;
   bool realTime = false;
+  bool json = false;                             // every show prints JSON
   std::map<std::string, std::uint32_t> devices;  // kernel device -> ifIndex
   std::map<std::string, IntfInfo> intfs;
   Watches watches;  // hold objects of the worlds: they go first
 
   ~State() {
     watches.clear();
+    for (const auto& [name, w] : worlds) observer.dropVrf(name);
     worlds.clear();
     World::leave();
   }
@@ -115,6 +120,7 @@ bool Scenario::stopWorld(const std::string& vrf) {
   auto it = s_->worlds.find(vrf);
   if (it == s_->worlds.end()) return false;
   s_->watches.dropVrf(vrf);
+  s_->observer.dropVrf(vrf);
   s_->worlds.erase(it);
   World::leave();
   return true;
@@ -165,30 +171,11 @@ void Scenario::runStream(std::istream& in, const std::string& source) {
   }
 }
 
-namespace {
-
-// The sum of `count(sm)` over the route input reactors (IPv4 and IPv6) of a world's module.
-template <class Count>
-std::size_t sumOverRouteInputs(World& w, Count count) {
-  std::size_t n = 0;
-  auto add = [&](const auto& configSm) {
-    if (!configSm || !configSm->routeInputDirSm()) return;
-    for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) n += count(*sm);
-  };
-  if (w.root()) {
-    add(w.root()->routingConfigSm());
-    add(w.root()->routing6ConfigSm());
-  }
-  return n;
-}
-
-}  // namespace
-
 std::size_t Scenario::unresolvedCount() {
   std::size_t n = 0;
   forEachWorld([&n](World& w) {
-    n += sumOverRouteInputs(w, [](const auto& sm) {
-      return sm.unresolvedRouteBacklog() ? sm.unresolvedRouteBacklog()->backlogCount() : 0;
+    w.forEachRouteInputSm([&n](const auto& sm, bool) {
+      n += sm.unresolvedRouteBacklog() ? sm.unresolvedRouteBacklog()->backlogCount() : 0;
     });
   });
   World::leave();
@@ -202,23 +189,33 @@ std::uint64_t Scenario::misuseCount() {
   return n;
 }
 
-namespace {
-
-// Keys waiting in the module's backlogs of one world (interfaces, and routes per input).
-std::size_t queuedKeys(World& w) {
-  if (!w.root()) return 0;
-  const std::size_t intfs = w.root()->intfBacklog() ? w.root()->intfBacklog()->backlogCount() : 0;
-  return intfs + sumOverRouteInputs(w, [](const auto& sm) {
-           return sm.routeBacklog() ? sm.routeBacklog()->backlogCount() : 0;
-         });
-}
-
-}  // namespace
-
 void Scenario::runLine(const std::string& line, const std::string& source, int lineNo) {
-  runCommand(line, source, lineNo);
+  try {
+    runCommand(line, source, lineNo);
+  } catch (...) {
+    flush();
+    throw;
+  }
+  for (auto& [name, w] : s_->worlds) {
+    w->enter();
+    s_->observer.observe(*w);
+  }
   s_->watches.report(out_);
+  flush();
 }
+
+void Scenario::flush() {
+  // Show output and trace lines (stderr) appear in the order the lines ran.
+  out_.flush();
+  std::cerr.flush();
+}
+
+void Scenario::traceConfigIs(const std::string& text) { s_->observer.traceConfigIs(text); }
+void Scenario::traceStampIs(bool on) { s_->observer.traceStampIs(on); }
+void Scenario::progressIs(bool on) { s_->observer.progressIs(on); }
+void Scenario::jsonIs(bool on) { s_->json = on; }
+
+std::size_t Scenario::runFirstDue(World& w) { return s_->observer.runFirstDue(w); }
 
 void Scenario::runCommand(const std::string& line, const std::string& source, int lineNo) {
   auto fail = [&](const std::string& why) -> void {
@@ -461,7 +458,7 @@ void Scenario::runCommand(const std::string& line, const std::string& source, in
         }
         at = end + 1;
       }
-      Kel::traceConfigIs(config);
+      s.observer.traceConfigIs(config);
     } else if (cmd == "stop") {
       need(2, 2, "stop VRF");
       auto it = s.worlds.find(w[1]);
@@ -623,42 +620,12 @@ void Scenario::runCommand(const std::string& line, const std::string& source, in
       const double until = s.now + duration(w[1]);
       for (auto& [name, wd] : s.worlds) {
         wd->enter();
-        wd->activity().runUntil(until);
+        s.observer.runUntil(*wd, until);
       }
       s.now = until;
     } else if (cmd == "show") {
-      need(2, 5, "show routes|interfaces [vrf V] [json]");
-      if (w[1] != "routes" && w[1] != "interfaces") fail("show what? routes or interfaces");
-      std::string only;
-      bool json = false;
-      for (std::size_t i = 2; i < w.size(); ++i) {
-        if (w[i] == "json") {
-          if (json) fail("json given twice");
-          json = true;
-        } else if (w[i] == "vrf") {
-          if (i + 1 >= w.size()) fail("'vrf' needs a value");
-          if (!only.empty()) fail("vrf given twice");
-          only = w[++i];
-          if (!s.worlds.count(only)) fail("no vrf " + only);
-        } else {
-          fail("unexpected '" + w[i] + "'");
-        }
-      }
-      for (auto& [name, wd] : s.worlds) {
-        if (!only.empty() && name != only) continue;
-        wd->enter();
-        if (json) {
-          out_ << "== " << w[1] << " vrf " << name << " json\n" << corvd_json() << "\n";
-        } else if (w[1] == "routes") {
-          out_ << "== routes vrf " << name << "\n" << corvd_show_routes();
-        } else {
-          out_ << "== interfaces vrf " << name << "\n" << corvd_show_interfaces();
-        }
-        if (const std::size_t queued = queuedKeys(*wd); queued != 0 && !json) {
-          out_ << "(" << queued << " change(s) still queued in vrf " << name
-               << ": run drains them)\n";
-        }
-      }
+      ShowContext ctx{s.worlds, s.observer, s.json};
+      runShow(w, ctx, out_);
     } else if (isGenericCommand(cmd)) {
       runGenericCommand(
           w,

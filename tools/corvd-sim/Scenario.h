@@ -39,7 +39,10 @@
 //                                      module itself never makes)
 //   run SECONDS                        runs every world's loop for that much manual time (finite,
 //                                      decimal, not negative)
-//   show routes|interfaces [vrf V] [json]   prints the daemon's table of V, or of every VRF
+//   show routes [vrf V] [ipv4|ipv6] [json]      the daemons' tables and what the host observed
+//   show interfaces [brief] [NAME] [vrf V] [json]   (ScenarioShow.h); without `vrf`, of every
+//   show unresolved [vrf V] [json]              VRF; `json` prints one JSON document
+//   show counters [json] / show summary [vrf V] [json]
 //   get PATH                           prints a module attribute's value alone on a line
 //   set PATH VALUE                     sets a settable attribute (backlogQuantum, backlogDelay)
 //   ls PATH                            lists an object's attributes or a collection's members
@@ -98,6 +101,16 @@ class Scenario {
   // Runs one line (1-based `line` for errors), then reports what the watched objects changed.
   void runLine(const std::string& line, const std::string& source, int lineNo);
 
+  // Trace configuration as --trace takes it ("" for silence; raises Kel::RangeException), trace
+  // lines stamped with the manual time and the VRF, a progress line on stderr every second of
+  // wall time while `run` works, and JSON for every `show`.
+  void traceConfigIs(const std::string& text);
+  void traceStampIs(bool on);
+  void progressIs(bool on);
+  void jsonIs(bool on);
+  // Runs one due callback of world `w` (entered) as `run` does, observed for `show counters`.
+  std::size_t runFirstDue(World& w);
+
   // The started Root of VRF `vrf`, or null (for tools that reach the module by name).
   Kel::Ptr<InterfaceRouteInfo::Root> root(const std::string& vrf) const;
   // Calls `fn` on every world in VRF-name order, each entered first.
@@ -108,6 +121,7 @@ class Scenario {
 
  private:
   void runCommand(const std::string& line, const std::string& source, int lineNo);
+  void flush();
 
   struct State;
   std::unique_ptr<State> s_;

@@ -2,6 +2,12 @@
 
 namespace CorvdSim {
 
+namespace {
+World* currentWorld = nullptr;
+}  // namespace
+
+World* World::current() { return currentWorld; }
+
 World::World(const std::string& vrf, double now, bool realTime)
     : vrf_(vrf), daemon_(corvd_instance_new(vrf.c_str())) {
   if (!realTime) activity_.manualTimeIs(now);
@@ -42,12 +48,14 @@ void World::enter() {
   corvd_instance_use(daemon_);
   Kel::activityManagerIs(&activity_);
   InterfaceRouteInfo::theRootSlotIs(&theRoot_);
+  currentWorld = this;
 }
 
 void World::leave() {
   corvd_instance_use(nullptr);
   Kel::activityManagerIs(nullptr);
   InterfaceRouteInfo::theRootSlotIs(nullptr);
+  currentWorld = nullptr;
 }
 
 void World::startRoot() {

@@ -30,6 +30,8 @@ class World {
   void enter();
   // Back to the process's own daemon, activity manager and theRoot slot.
   static void leave();
+  // The world entered last, or null after leave() (trace lines name its VRF and time).
+  static World* current();
 
   const std::string& vrf() const { return vrf_; }
   bool isDefault() const { return vrf_ == "default"; }
@@ -42,6 +44,17 @@ class World {
   // daemon and the state database stay; startRoot may start the module again.
   void stopRoot();
   const Kel::Ptr<InterfaceRouteInfo::Root>& root() const { return root_; }
+  // Calls fn(sm, ipv6) for every route input reactor (IPv4, then IPv6) of the world's module.
+  template <class Fn>
+  void forEachRouteInputSm(Fn fn) const {
+    if (!root_) return;
+    auto walk = [&](const auto& configSm, bool ipv6) {
+      if (!configSm || !configSm->routeInputDirSm()) return;
+      for (auto [name, sm] : configSm->routeInputDirSm()->routeInputSmCollection()) fn(*sm, ipv6);
+    };
+    walk(root_->routingConfigSm(), false);
+    walk(root_->routing6ConfigSm(), true);
+  }
 
   // The state-database replica.
   Kel::Ptr<Interface::AllIntfStatusDir> all;
