@@ -18,7 +18,9 @@
 //    daemon number and is not mirrored (counted). When one prefix is in one protocol several
 //    times (different metrics), the lowest metric is published; multipath next hops are vias.
 //  - a VRF device appearing starts its VRF ("vrf NAME"); its disappearance stops the VRF's
-//    world (Publisher::vrfGone) after its routes were withdrawn.
+//    world (Publisher::vrfGone), which takes the VRF's routes and inputs along; its slaves go
+//    back to "default", and its table's routes are published again when another VRF device
+//    takes the table.
 // Resynchronisation: dumpBegin(kinds), the dump's messages, dumpEnd(kinds) removes what the dump
 // did not show. IPv4 routes removed by the kernel without a message (a device going away, an
 // address deleted) are caught by a new IPv4 route dump, which routeDumpWanted() asks for.

@@ -1,0 +1,148 @@
+// The kernel source on rtnetlink messages built here, without a kernel: what a Linux VRF device,
+// its slaves, their addresses and the VRF's routing table become (the VRF's world starts, slaves
+// and their routes go to it, IPv6 there is left out), and what its going away does (the world
+// stops, slaves return to default, the table waits for another VRF device). Runs on any machine,
+// also where the kernel has no VRF support (the namespace tests cover the same paths against a real
+// kernel where it has).
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <libmnl/libmnl.h>
+#include <linux/if.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "tools/corvd-sim/KernelSource.h"
+
+namespace {
+
+using CorvdSim::KernelSource;
+
+struct Recorder : CorvdSim::Publisher {
+  void line(const std::string& text) override { lines.push_back(text); }
+  void vrfGone(const std::string& vrf) override { lines.push_back("(world " + vrf + " stops)"); }
+  std::vector<std::string> take() { return std::exchange(lines, {}); }
+  std::vector<std::string> lines;
+};
+
+class KernelMessages : public ::testing::Test {
+ protected:
+  nlmsghdr* header(std::uint16_t type) {
+    buf_.assign(MNL_SOCKET_BUFFER_SIZE, 0);
+    nlmsghdr* nlh = mnl_nlmsg_put_header(buf_.data());
+    nlh->nlmsg_type = type;
+    return nlh;
+  }
+  // A device; a VRF device carries its table, a slave its master's index.
+  void link(std::uint16_t type, int index, const char* name, std::uint32_t table = 0,
+            std::uint32_t master = 0) {
+    nlmsghdr* nlh = header(type);
+    auto* ifi = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+    ifi->ifi_family = AF_UNSPEC;
+    ifi->ifi_index = index;
+    ifi->ifi_flags = IFF_UP | IFF_RUNNING;
+    mnl_attr_put_strz(nlh, IFLA_IFNAME, name);
+    mnl_attr_put_u32(nlh, IFLA_MTU, 1500);
+    mnl_attr_put_u8(nlh, IFLA_OPERSTATE, IF_OPER_UP);
+    if (master) mnl_attr_put_u32(nlh, IFLA_MASTER, master);
+    if (table) {
+      nlattr* info = mnl_attr_nest_start(nlh, IFLA_LINKINFO);
+      mnl_attr_put_strz(nlh, IFLA_INFO_KIND, "vrf");
+      nlattr* data = mnl_attr_nest_start(nlh, IFLA_INFO_DATA);
+      mnl_attr_put_u32(nlh, IFLA_VRF_TABLE, table);
+      mnl_attr_nest_end(nlh, data);
+      mnl_attr_nest_end(nlh, info);
+    }
+    src_.message(nlh);
+  }
+  void addr(int family, int index, const char* text, int len) {
+    nlmsghdr* nlh = header(RTM_NEWADDR);
+    auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+    ifa->ifa_family = static_cast<std::uint8_t>(family);
+    ifa->ifa_prefixlen = static_cast<std::uint8_t>(len);
+    ifa->ifa_index = static_cast<std::uint32_t>(index);
+    unsigned char bytes[16];
+    inet_pton(family, text, bytes);
+    mnl_attr_put(nlh, IFA_LOCAL, family == AF_INET ? 4 : 16, bytes);
+    src_.message(nlh);
+  }
+  void route(std::uint16_t type, int family, std::uint32_t table, const char* dst, int len,
+             const char* gateway, int oif, std::uint8_t proto = RTPROT_STATIC) {
+    nlmsghdr* nlh = header(type);
+    auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
+    rtm->rtm_family = static_cast<std::uint8_t>(family);
+    rtm->rtm_dst_len = static_cast<std::uint8_t>(len);
+    rtm->rtm_table = RT_TABLE_UNSPEC;
+    rtm->rtm_protocol = proto;
+    rtm->rtm_type = RTN_UNICAST;
+    mnl_attr_put_u32(nlh, RTA_TABLE, table);
+    unsigned char bytes[16];
+    inet_pton(family, dst, bytes);
+    mnl_attr_put(nlh, RTA_DST, family == AF_INET ? 4 : 16, bytes);
+    inet_pton(family, gateway, bytes);
+    mnl_attr_put(nlh, RTA_GATEWAY, family == AF_INET ? 4 : 16, bytes);
+    mnl_attr_put_u32(nlh, RTA_OIF, static_cast<std::uint32_t>(oif));
+    src_.message(nlh);
+  }
+  static bool has(const std::vector<std::string>& lines, const std::string& text) {
+    return std::find(lines.begin(), lines.end(), text) != lines.end();
+  }
+  static bool mentions(const std::vector<std::string>& lines, const std::string& text) {
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  }
+
+  Recorder pub_;
+  KernelSource src_{pub_};
+  std::vector<char> buf_;
+};
+
+TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdrawsOnDelete) {
+  link(RTM_NEWLINK, 2, "a0");
+  addr(AF_INET, 2, "10.1.0.1", 24);
+  pub_.take();
+  link(RTM_NEWLINK, 10, "blue", 100);
+  auto lines = pub_.take();
+  EXPECT_TRUE(has(lines, "vrf blue")) << ::testing::PrintToString(lines);
+
+  // a0 becomes blue's slave: its interface and IPv4 address move there, IPv6 on it is left out.
+  link(RTM_NEWLINK, 2, "a0", 0, 10);
+  addr(AF_INET6, 2, "2001:db8:1::1", 64);
+  lines = pub_.take();
+  EXPECT_TRUE(mentions(lines, "intf a0 a0 vrf blue")) << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "ip6 a0")) << ::testing::PrintToString(lines);
+
+  // Table 100 is blue's, the main table default's, the local table nobody's; IPv6 only default.
+  route(RTM_NEWROUTE, AF_INET, 100, "10.8.0.0", 16, "10.1.0.5", 2);
+  route(RTM_NEWROUTE, AF_INET, RT_TABLE_MAIN, "10.9.0.0", 16, "10.1.0.6", 2);
+  route(RTM_NEWROUTE, AF_INET, RT_TABLE_LOCAL, "10.7.0.0", 16, "10.1.0.7", 2);
+  route(RTM_NEWROUTE, AF_INET6, 100, "2001:db8:9::", 48, "2001:db8:1::5", 2);
+  route(RTM_NEWROUTE, AF_INET, 200, "10.6.0.0", 16, "10.1.0.8", 2);  // a table of no VRF
+  lines = pub_.take();
+  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.8.0.0/16 via 10.1.0.5 dev a0"))
+      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "route default rtproto-static 10.9.0.0/16 via 10.1.0.6 dev a0"))
+      << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "10.7.0.0")) << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "2001:db8:9::")) << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "10.6.0.0")) << ::testing::PrintToString(lines);
+
+  // The VRF device goes: its world stops and takes its routes and inputs along; the slave falls
+  // back to default, where its IPv6 address is published now.
+  link(RTM_DELLINK, 10, "blue", 100);
+  lines = pub_.take();
+  EXPECT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "ip6 a0 2001:db8:1::1/64")) << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "route ")) << ::testing::PrintToString(lines);
+  // A VRF device taking table 100 again publishes the table's route into the new VRF.
+  link(RTM_NEWLINK, 11, "red", 100);
+  lines = pub_.take();
+  EXPECT_TRUE(has(lines, "vrf red")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16 via 10.1.0.5"))
+      << ::testing::PrintToString(lines);
+}
+
+}  // namespace
