@@ -25,6 +25,8 @@
 #include <utility>
 #include <vector>
 
+#include "fwk/framework/Prefetch.h"
+
 namespace Kel {
 
 template <class K, class V, class H = std::hash<K>>
@@ -171,6 +173,34 @@ class HashMap {
   }
 
   std::size_t tombstones() const { return dead_; }
+
+  // Cache hints for a loop that will look keys up a few steps from now (a drain taking a
+  // backlog's members in order): nothing is read that may miss, and nothing changes.
+  // prefetchSlot fetches k's first index slot. prefetchNode, called once that slot is likely in
+  // cache, reads it and fetches k's node; it returns where k's value will be (its address only,
+  // not read), or null when the first slot does not name k (it compares hashes, not keys: a
+  // key whose 32-bit hash collides may name another member's value, which is harmless for a
+  // hint).
+  void prefetchSlot(const K& k) const {
+    if (!slots_.empty()) prefetch(&slots_[mix(k) & (slots_.size() - 1)]);
+  }
+  const V* prefetchNode(const K& k) const {
+    if (slots_.empty()) return nullptr;
+    const std::uint32_t h = mix(k);
+    const std::uint64_t s = slots_[h & (slots_.size() - 1)];
+    if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
+    const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
+    prefetch(n);
+    return &n->value;
+  }
+  // The key of the live member `n` places after the first in order (0: the first), or null
+  // when there are not that many; walks n + 1 members.
+  const K* peek(std::size_t n) const {
+    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+      if (node(i).live && n-- == 0) return &node(i).key;
+    }
+    return nullptr;
+  }
 
  private:
   static std::uint32_t mix(const K& k) {

@@ -111,6 +111,8 @@ class RouteBacklogSmT : public Kel::Reactor {
   double backlogClockTimeMin() const { return kelBacklogClock_.timeMin(); }
 
  private:
+  template <class Keys, class Routes>
+  void prefetchAhead(const Keys& keys, const Routes& routes);
   KelBacklogClock kelBacklogClock_{this};
   KelRouteBacklog kelRouteBacklog_{this};
 };

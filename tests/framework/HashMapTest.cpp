@@ -66,6 +66,20 @@ TEST(HashMap, RandomOperationsMatchReferenceContentsAndOrder) {
         }
       }
       ASSERT_EQ(m.size(), ref.values.size());
+      // A drain's look-ahead: peek(n) is the n-th live member in order, past any tombstones, and
+      // the cache hints name the key's own value when they name one.
+      const std::vector<int> order = ref.walk();
+      for (std::size_t n : {std::size_t{0}, std::size_t{1}, order.size() / 2, order.size()}) {
+        const int* key = m.peek(n);
+        ASSERT_EQ(key != nullptr, n < order.size());
+        if (key) {
+          ASSERT_EQ(*key, order[n]);
+        }
+      }
+      m.prefetchSlot(k);
+      if (const int* at = m.prefetchNode(k); at && m.find(k)) {
+        ASSERT_EQ(at, m.find(k));
+      }
       // Purging may forget erased keys; a re-inserted forgotten key then goes to the back.
       if (m.tombstones() == 0) {
         std::vector<int> live = ref.walk();
