@@ -282,6 +282,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   }                                                                                                \
   typename ::Kel::HashMap<Key, Value>::Iterator name##Iterator() const { return name##_.begin(); } \
   std::size_t name##Count() const { return name##_.size(); }                                       \
+  /* Room for n members without growing the index (a caller about to add that many). */            \
+  void name##Reserve(std::size_t n) { name##_.reserve(n); }                                        \
   const ::Kel::HashMap<Key, Value>& name##Collection() const { return name##_; }                   \
                                                                                                    \
  private:                                                                                          \

@@ -238,7 +238,10 @@ void link(if_link* l, void* arg) {
     return;
   }
   std::string flags;
-  for (const auto& f : stateWords(l->ifl_state)) flags += (flags.empty() ? "" : ",") + upper(f);
+  for (const auto& f : stateWords(l->ifl_state)) {
+    if (!flags.empty()) flags += ',';
+    flags += upper(f);
+  }
   k.os << l->ifl_index << ": " << l->ifl_name << ": <" << flags << "> mtu " << l->ifl_mtu
        << " metric " << l->ifl_metric << " state " << (up ? "UP" : "DOWN") << '\n';
   k.os << "    link/" << (l->ifl_state & IFS_LOOPBACK ? "loopback" : "ether") << ' '
