@@ -14,7 +14,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # The targets CI runs.
-ci_targets=(ip4_text ip6_text eth_text names ip_addr_set_text trace_config sockaddr scenario)
+ci_targets=(ip4_text ip6_text eth_text names ip_addr_set_text trace_config sockaddr scenario netlink)
 
 seconds="${1:-20}"
 [ $# -gt 0 ] && shift

@@ -8,6 +8,7 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 
 #include "tools/corvd-sim/Netlink.h"
@@ -20,6 +21,14 @@ constexpr std::uint32_t kMaxMtu = 65535;  // the interface status holds 16 bits
 constexpr std::size_t kMaxAddrs = 62;     // addresses one "ip" line takes
 constexpr char kDefault[] = "default";
 
+// A device name the kernel accepts and a scenario line carries as one word: 1 to 15 bytes, no
+// '/' and no blank (the kernel refuses those), no '#' (a scenario line's comment starts there).
+bool mirroredName(const std::string& name) {
+  return !name.empty() && name.size() <= 15 &&
+         std::none_of(name.begin(), name.end(),
+                      [](unsigned char c) { return c == '/' || c == '#' || std::isspace(c); });
+}
+
 bool payloadAtLeast(const nlattr* a, std::size_t n) {
   return a && mnl_attr_get_payload_len(a) >= n;
 }
@@ -30,6 +39,18 @@ std::string addrText(int family, const nlattr* a) {
   char buf[INET6_ADDRSTRLEN];
   if (!inet_ntop(family, mnl_attr_get_payload(a), buf, sizeof buf)) return {};
   return buf;
+}
+
+// True when no bit of the address (n bytes) is set beyond its first `len`: a network, as the
+// kernel keeps routes.
+bool networkOnly(const nlattr* a, std::size_t n, unsigned len) {
+  const auto* b = static_cast<const std::uint8_t*>(mnl_attr_get_payload(a));
+  for (std::size_t i = 0; i < n; ++i) {
+    const unsigned first = 8 * static_cast<unsigned>(i);  // the byte's first bit
+    const unsigned hostBits = len <= first ? 0xff : len >= first + 8 ? 0 : 0xff >> (len - first);
+    if (b[i] & hostBits) return false;
+  }
+  return true;
 }
 
 std::string macText(const nlattr* a) {
@@ -81,6 +102,12 @@ void KernelSource::emit(const std::string& text) {
 }
 
 void KernelSource::message(const nlmsghdr* nlh) {
+  // libmnl reads attributes up to the message's length rounded up to 4 bytes, which the kernel
+  // always pads its rtnetlink messages to; a message of another length would be read past.
+  if (nlh->nlmsg_len != NLMSG_ALIGN(nlh->nlmsg_len)) {
+    ++counters_.ignored;
+    return;
+  }
   switch (nlh->nlmsg_type) {
     case RTM_NEWLINK:
     case RTM_DELLINK:
@@ -144,12 +171,20 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
   Attrs<IFLA_MAX> tb;
   mnl_attr_parse(nlh, sizeof(*ifi), Attrs<IFLA_MAX>::collect, &tb);
   const std::string name = attrStr(tb[IFLA_IFNAME]);
-  if (index == 0 || name.empty() || name.size() > 15 || name.find('/') != std::string::npos) {
+  if (index == 0 || !mirroredName(name)) {
+    // Renamed to a name that is not mirrored, a known device is gone as far as the worlds know.
+    if (!name.empty() && links_.count(index)) linkGone(index);
     ++counters_.ignored;
     return;
   }
   auto found = links_.find(index);
   if (found != links_.end() && found->second.name != name) linkGone(index);  // renamed
+  // The kernel's names are unique: a device that held the name under another index is gone, its
+  // removal lost in an overrun or still to come (a new dump shows the new device before dumpEnd).
+  auto other = std::find_if(links_.begin(), links_.end(), [&](const auto& x) {
+    return x.first != index && x.second.name == name;
+  });
+  if (other != links_.end()) linkGone(other->first);
   Link& l = links_[index];
   const bool wasVrf = l.isVrf;
   // A device going down loses its IPv4 routes without a message.
@@ -301,7 +336,10 @@ void KernelSource::addrMessage(const nlmsghdr* nlh) {
 }
 
 void KernelSource::syncAddrs(std::uint32_t index) {
-  const Link& l = links_.at(index);
+  // Addresses of a device not known (yet) are kept and published with the device.
+  auto link = links_.find(index);
+  if (link == links_.end()) return;
+  const Link& l = link->second;
   auto pub = published_.find(l.name);
   if (pub == published_.end() || pub->second.index != index) return;
   Published& p = pub->second;
@@ -360,7 +398,9 @@ void KernelSource::routeMessage(const nlmsghdr* nlh) {
   ++counters_.messages;
   std::string dst =
       tb[RTA_DST] ? addrText(family, tb[RTA_DST]) : (family == AF_INET ? "0.0.0.0" : "::");
-  if (dst.empty()) {
+  // A destination with host bits set is no route the kernel holds (it refuses to add one).
+  if (dst.empty() ||
+      (tb[RTA_DST] && !networkOnly(tb[RTA_DST], family == AF_INET ? 4 : 16, rtm->rtm_dst_len))) {
     ++counters_.ignored;
     return;
   }
@@ -376,15 +416,19 @@ void KernelSource::routeMessage(const nlmsghdr* nlh) {
   path.gen = gen_;
   path.blackhole = rtm->rtm_type == RTN_BLACKHOLE;
   auto hop = [&](const nlattr* gw, std::uint32_t oif) {
+    // An all-zero gateway is none (the kernel leaves the attribute out then).
     const std::string g = addrText(family, gw);
-    if (!g.empty()) path.vias += " via " + g;
+    if (!g.empty() && g != "0.0.0.0" && g != "::") path.vias += " via " + g;
     auto link = links_.find(oif);
     if (oif && link != links_.end()) path.vias += " dev " + link->second.name;
   };
   if (tb[RTA_MULTIPATH]) {
     const auto* nh = static_cast<const rtnexthop*>(mnl_attr_get_payload(tb[RTA_MULTIPATH]));
     int len = static_cast<int>(mnl_attr_get_payload_len(tb[RTA_MULTIPATH]));
-    for (; RTNH_OK(nh, len); len -= NLMSG_ALIGN(nh->rtnh_len), nh = RTNH_NEXT(nh)) {
+    // RTNH_OK reads rtnh_len before it compares it with what is left: a whole header must be
+    // left first, or the last hop's successor is read past the attribute (and the message).
+    for (; len >= static_cast<int>(sizeof(*nh)) && RTNH_OK(nh, len);
+         len -= NLMSG_ALIGN(nh->rtnh_len), nh = RTNH_NEXT(nh)) {
       Attrs<RTA_MAX> sub;
       mnl_attr_parse_payload(RTNH_DATA(nh), nh->rtnh_len - sizeof(*nh), Attrs<RTA_MAX>::collect,
                              &sub);

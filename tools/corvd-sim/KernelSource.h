@@ -7,7 +7,8 @@
 //  - each device: "device" (ifIndex, kernel flags, MAC when it has six bytes) and "intf" (MTU,
 //    capped at 65535, and the VRF: a slave of a Linux VRF device goes to that VRF, a VRF device
 //    to its own, the rest to "default"); "oper" down unless operstate is up, or unknown with the
-//    lower layer up (dummy and loopback devices report unknown);
+//    lower layer up (dummy and loopback devices report unknown). A device whose name a scenario
+//    line cannot carry as one word (with a '#', which the kernel allows) is not mirrored;
 //  - IPv4 addresses of the device's VRF, primary first: the kernel's first address without
 //    IFA_F_SECONDARY; the kernel's promotions arrive as new flags and are followed. IPv6
 //    addresses only for devices in "default" (the module serves IPv6 there only);
@@ -17,13 +18,16 @@
 //    protocol number is the kernel's number, 1..255; kernel protocol 0 (unspecified) has no
 //    daemon number and is not mirrored (counted). When one prefix is in one protocol several
 //    times (different metrics), the lowest metric is published; multipath next hops are vias.
+//    A destination with host bits set is malformed (ignored); an all-zero gateway is none.
 //  - a VRF device appearing starts its VRF ("vrf NAME"); its disappearance stops the VRF's
 //    world (Publisher::vrfGone), which takes the VRF's routes and inputs along; its slaves go
 //    back to "default", and its table's routes are published again when another VRF device
 //    takes the table.
 // Resynchronisation: dumpBegin(kinds), the dump's messages, dumpEnd(kinds) removes what the dump
-// did not show. IPv4 routes removed by the kernel without a message (a device going away, an
-// address deleted) are caught by a new IPv4 route dump, which routeDumpWanted() asks for.
+// did not show. A name that appears under a new ifIndex ends the device that held it (the
+// kernel's names are unique; its removal was lost, or comes later in the dump). IPv4 routes removed
+// by the kernel without a message (a device going away, an address deleted) are caught by a new
+// IPv4 route dump, which routeDumpWanted() asks for.
 #pragma once
 
 #include <linux/netlink.h>
@@ -61,7 +65,8 @@ class KernelSource {
 
   explicit KernelSource(Publisher& pub);
 
-  // Handles one RTM_{NEW,DEL}{LINK,ADDR,ROUTE} message; anything else is ignored.
+  // Handles one RTM_{NEW,DEL}{LINK,ADDR,ROUTE} message, reading only its nlmsg_len bytes;
+  // anything else, and a length the kernel never sends (not a multiple of 4), is ignored.
   void message(const nlmsghdr* nlh);
   void dumpBegin(unsigned kinds);
   void dumpEnd(unsigned kinds);

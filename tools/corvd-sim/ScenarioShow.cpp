@@ -377,8 +377,11 @@ void showSummary(ShowContext& ctx, const Options& o, std::ostream& out) {
     rt_head_walk(tallyHead, &t);
     if_link_walk(tallyLink, &t);
     const std::size_t pending = queuedKeys(*wd);
-    const auto parked = static_cast<std::size_t>(std::count_if(
-        unresolved.begin(), unresolved.end(), [&](const auto& u) { return u.vrf == name; }));
+    // The VRF's name by an init-capture: clang 14 (the fuzz preset) cannot capture a structured
+    // binding.
+    const auto parked = static_cast<std::size_t>(
+        std::count_if(unresolved.begin(), unresolved.end(),
+                      [&vrf = name](const auto& u) { return u.vrf == vrf; }));
     Json protos = Json::array();
     std::ostringstream per;
     for (const auto& [key, n] : t.perProto) {
