@@ -26,7 +26,7 @@
 //  - after the empty dump only the world "default" is left, without devices, interface status or
 //    routes in its route inputs (the module's unresolved backlog may still hold keys of withdrawn
 //    routes: only an address change moves them back to be drained, RouteBacklog.h);
-//  - no VRF's daemon recorded a misuse (but one known fault of the module, see kKnownMisuse);
+//  - no VRF's daemon recorded a misuse;
 //  - once the Scenario is gone the process's activity manager, theRoot slot and daemon are current
 //    again and untouched, as in the scenario target.
 #include <linux/netlink.h>
@@ -154,18 +154,11 @@ void checkEmptied(CorvdSim::Scenario& s) {
   FUZZ_CHECK(worlds == " default", "after an empty dump the worlds are" + worlds);
 }
 
-// A fault outside the kernel source, known and left open: the module enters an IPv4 address of a
-// point-to-point device without a peer, which the daemon refuses as a misuse (scenario lines
-// alone show it: a device with flags pointopoint, its interface, an address, a run). It is let
-// through here so that every other misuse is still a finding.
-constexpr std::string_view kKnownMisuse =
-    "if_conf_addaddr: point-to-point address without a peer of its family";
-
 void checkMisuses(CorvdSim::Scenario& s) {
   std::string others;
   s.forEachWorld([&](CorvdSim::World& w) {
     for (const std::string& m : corvd_misuse_log()) {
-      if (m != kKnownMisuse) others += " [" + w.vrf() + "] " + m;
+      others += " [" + w.vrf() + "] " + m;
     }
   });
   CorvdSim::World::leave();

@@ -431,9 +431,10 @@ if_addr* if_conf_addaddr(task* tp, if_info* ifi) {
   if (len < 0 || (req.ifi_netmask && req.ifi_netmask->sa_family != local->sa_family)) {
     return refuse("netmask not contiguous or of another family");
   }
-  bool p2p = (req.ifi_state | l->ifl_state) & IFS_POINTOPOINT;
-  if (p2p && (!req.ifi_addr_remote || req.ifi_addr_remote->sa_family != local->sa_family)) {
-    return refuse("point-to-point address without a peer of its family");
+  // A request may name no peer, also on a point-to-point link (the system's state may not know
+  // it): the address is then its own peer. A peer of the other family is a caller's fault.
+  if (req.ifi_addr_remote && req.ifi_addr_remote->sa_family != local->sa_family) {
+    return refuse("peer address of another family");
   }
   sock_release(req.ifi_netmask);
   req.ifi_netmask = sock_mask_by_len(local->sa_family, len);

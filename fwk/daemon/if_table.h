@@ -22,8 +22,10 @@
 //    it and adding it again makes it the newest.
 //  - if_withdstaddr prefers an up address whose local or peer address equals the given address,
 //    then behaves as if_withdst.
-//  - The ifi_netmask kept is always the shared mask (see sockaddr.h); ifi_addr_remote of an
-//    address that is not point-to-point is the request's remote, or a copy of the local one.
+//  - The ifi_netmask kept is always the shared mask (see sockaddr.h); ifi_addr_remote is the
+//    request's remote, or a copy of the local one when the request names none (also on a
+//    point-to-point link whose peer the caller does not know: the address is its own peer). A
+//    remote of the other family is refused as a misuse.
 //  - A removed address (deladdr, dellink) stays readable until its report has been delivered by
 //    if_conf_close; routes still using it afterwards are deleted (a route never outlives the
 //    interface address it uses). Routes through an address that goes down are set aside

@@ -41,6 +41,11 @@ TEST_F(InterfaceTable, WithdstPicksLongestUpSubnetAndPointToPointPeer) {
   EXPECT_EQ(if_withdst(in6("2001:db8::99")), six);
   EXPECT_EQ(if_withdst(in6("2001:db9::1")), nullptr);
   EXPECT_TRUE(p2p->ifa_info.ifi_state & IFS_POINTOPOINT);
+  // A point-to-point address whose peer the caller does not know is its own peer.
+  if_addr* own = addAddr(3, in4("192.0.2.9"), 24);
+  ASSERT_NE(own, nullptr) << misuseText();
+  EXPECT_TRUE(sockaddr_equal(own->ifa_info.ifi_addr_remote, own->ifa_info.ifi_addr_local));
+  EXPECT_EQ(if_withdst(in4("192.0.2.77")), own);
 
   // A down link's addresses serve nothing; the shorter subnet takes over.
   addLink(2, "eth2", false);
@@ -52,9 +57,12 @@ TEST_F(InterfaceTable, WithdstPicksLongestUpSubnetAndPointToPointPeer) {
   delLink(2);
   EXPECT_EQ(if_withdst(in4("10.1.2.200")), wide);
   EXPECT_EQ(if_withdst(in6("2001:db8::99")), nullptr);
-  EXPECT_EQ(if_addr_count(), 2u);
+  EXPECT_EQ(if_addr_count(), 3u);
   EXPECT_EQ(ifl_locate_index(2), nullptr);
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+  // A peer of the other family is the caller's fault.
+  EXPECT_EQ(addAddr(3, in4("192.0.2.10"), 24, in6("2001:db8::7")), nullptr);
+  EXPECT_EQ(corvd_misuse_count(), 1u);
 }
 
 TEST_F(InterfaceTable, ReportsClassifyAsUpDownAndSubnetChange) {
