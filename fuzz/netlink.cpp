@@ -42,6 +42,7 @@
 #include <string_view>
 
 #include "fuzz/FuzzSupport.h"
+#include "fuzz/ScenarioHarness.h"
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
@@ -57,18 +58,6 @@ using CorvdSim::KernelSource;
 constexpr int kMaxMessages = 64;
 constexpr unsigned kRunBetween = 0x10;
 const char kSource[] = "kernel fuzz";  // as the kernel mode names its lines: "kernel NETNS"
-
-// Takes every character and keeps none.
-class DiscardBuf : public std::streambuf {
- protected:
-  int_type overflow(int_type c) override { return traits_type::not_eof(c); }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-class DiscardSink : public Kel::TraceSink {
- public:
-  void record(const Kel::TraceRecord& r) override { Kel::traceLine(r); }
-};
 
 // The kernel mode's publisher without its sockets and forwarding table. A refused line is a
 // finding here, where the kernel mode counts and reports it.
@@ -198,13 +187,9 @@ void runStream(ScenarioPublisher& pub, KernelSource& src, const std::uint8_t* da
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   fuzz::FuzzInput input(std::string_view(reinterpret_cast<const char*>(data), size));
-  static DiscardSink sink;
-  Kel::traceSinkIs(&sink);
-  Kel::traceConfigIs("");
-  Kel::ActivityManager& process = *Kel::activityManager();
-  process.manualTimeIs(0.0);
+  Kel::ActivityManager& process = fuzz::quietProcess();
 
-  DiscardBuf discard;
+  fuzz::DiscardBuf discard;
   std::ostream out(&discard);
   {
     CorvdSim::Scenario s(out);
@@ -222,14 +207,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkEmptied(s);
     checkMisuses(s);
   }
-  Kel::traceConfigIs("");
-
-  FUZZ_CHECK(Kel::activityManager() == &process, "a world's activity manager is still current");
-  FUZZ_CHECK(process.idle() && process.currentTime() == 0.0,
-             "the process's activity manager was used");
-  FUZZ_CHECK(!InterfaceRouteInfo::theRoot(), "a Root is left in the process's slot");
-  FUZZ_CHECK(corvd_misuse_count() == 0 && corvd_call_count("if_conf_addlink") == 0 &&
-                 corvd_call_count("rt_add") == 0 && corvd_call_count("sockbuild") == 0,
-             "the process's own daemon was used");
+  fuzz::checkUntouched(process);
   return 0;
 }

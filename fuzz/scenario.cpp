@@ -22,6 +22,7 @@
 #include <string_view>
 
 #include "fuzz/FuzzSupport.h"
+#include "fuzz/ScenarioHarness.h"
 #include "fwk/Root.h"
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
@@ -31,19 +32,6 @@ namespace {
 
 constexpr int kMaxLines = 64;
 const char kSource[] = "fuzz";
-
-// Takes every character and keeps none, so the output is formatted in full but costs no memory.
-class DiscardBuf : public std::streambuf {
- protected:
-  int_type overflow(int_type c) override { return traits_type::not_eof(c); }
-  std::streamsize xsputn(const char*, std::streamsize n) override { return n; }
-};
-
-// Formats each trace record as the default sink does, then drops it.
-class DiscardSink : public Kel::TraceSink {
- public:
-  void record(const Kel::TraceRecord& r) override { Kel::traceLine(r); }
-};
 
 void runLine(CorvdSim::Scenario& s, const std::string& line, int lineNo) {
   const std::string where = std::string(kSource) + ":" + std::to_string(lineNo) + ": ";
@@ -64,13 +52,9 @@ void runLine(CorvdSim::Scenario& s, const std::string& line, int lineNo) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string_view text(reinterpret_cast<const char*>(data), size);
   fuzz::FuzzInput input(text);
-  static DiscardSink sink;
-  Kel::traceSinkIs(&sink);
-  Kel::traceConfigIs("");
-  Kel::ActivityManager& process = *Kel::activityManager();
-  process.manualTimeIs(0.0);
+  Kel::ActivityManager& process = fuzz::quietProcess();
 
-  DiscardBuf discard;
+  fuzz::DiscardBuf discard;
   std::ostream out(&discard);
   {
     CorvdSim::Scenario s(out);
@@ -82,14 +66,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::uint64_t misuse = s.misuseCount();
     FUZZ_CHECK(misuse == 0, std::to_string(misuse) + " daemon misuse(s)");
   }
-  Kel::traceConfigIs("");
-
-  FUZZ_CHECK(Kel::activityManager() == &process, "a world's activity manager is still current");
-  FUZZ_CHECK(process.idle() && process.currentTime() == 0.0,
-             "the process's activity manager was used");
-  FUZZ_CHECK(!InterfaceRouteInfo::theRoot(), "a Root is left in the process's slot");
-  FUZZ_CHECK(corvd_misuse_count() == 0 && corvd_call_count("if_conf_addlink") == 0 &&
-                 corvd_call_count("rt_add") == 0 && corvd_call_count("sockbuild") == 0,
-             "the process's own daemon was used");
+  fuzz::checkUntouched(process);
   return 0;
 }
