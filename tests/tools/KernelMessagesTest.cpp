@@ -161,6 +161,24 @@ TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdraws
   EXPECT_TRUE(has(lines, "vrf red")) << ::testing::PrintToString(lines);
   EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16 via 10.1.0.5"))
       << ::testing::PrintToString(lines);
+
+  // VRF devices may share a table: the last one to come has it; when it goes, the one left takes
+  // the table back, and when one that does not hold the table goes, the holder keeps it.
+  link(RTM_NEWLINK, 12, "green", 100);
+  lines = pub_.take();
+  EXPECT_TRUE(mentions(lines, "route green rtproto-static 10.8.0.0/16"))
+      << ::testing::PrintToString(lines);
+  link(RTM_DELLINK, 12, "green", 100);
+  lines = pub_.take();
+  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16"))
+      << ::testing::PrintToString(lines);
+  link(RTM_NEWLINK, 13, "gold", 100);
+  link(RTM_DELLINK, 11, "red", 100);
+  pub_.take();
+  route(RTM_NEWROUTE, AF_INET, 100, "10.5.0.0", 16, "10.1.0.9", 2);
+  lines = pub_.take();
+  EXPECT_TRUE(mentions(lines, "route gold rtproto-static 10.5.0.0/16"))
+      << ::testing::PrintToString(lines);
 }
 
 // A route message of the main table, protocol static, over device 2, with `dst` as its last

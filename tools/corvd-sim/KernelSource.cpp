@@ -235,8 +235,9 @@ void KernelSource::linkGone(std::uint32_t index) {
   routeDumpWanted_ = true;
   if (!l.isVrf) return;
   // The world goes with its routes and inputs; the table's routes are published again if a VRF
-  // device takes the table later.
-  vrfTables_.erase(l.table);
+  // device takes the table later. A table another VRF device took since stays that device's.
+  const bool ownedTable = tableVrf(l.table) == l.name;
+  if (ownedTable) vrfTables_.erase(l.table);
   for (auto& [key, slot] : routes_) {
     if (slot.vrf != l.name) continue;
     slot.line.clear();
@@ -248,6 +249,15 @@ void KernelSource::linkGone(std::uint32_t index) {
     if (link.master == index) link.master = 0;
   }
   for (auto& [other, link] : links_) syncLink(other);
+  // The kernel lets VRF devices share a table: another one that uses it takes it over.
+  if (!ownedTable) return;
+  for (const auto& [other, link] : links_) {
+    if (link.isVrf && link.table == l.table) {
+      vrfTables_[l.table] = link.name;
+      syncTable(l.table);
+      return;
+    }
+  }
 }
 
 std::string KernelSource::vrfOf(const Link& l) const {
