@@ -70,12 +70,13 @@ TimerWheel::TimerWheel(Kel::ActivityManager* manager, const Kel::Ptr<Kel::Clock>
                        : Kel::activityManager()),
       tickUsecs_(static_cast<std::int64_t>(tickMsecs) * 1000),
       preserveOrder_(preserveOrder),
-      defaultBucketSize_(defaultBucketSize) {
+      defaultBucketSize_(defaultBucketSize),
+      tickCount_(initialMaxTicks) {
   if (tickMsecs == 0) throw Kel::RangeException("Vek::TimerWheel: tickMsecs must be at least 1");
   if (initialMaxTicks == 0) {
     throw Kel::RangeException("Vek::TimerWheel: initialMaxTicks must be at least 1");
   }
-  slots_.resize(initialMaxTicks);
+  pages_.resize((initialMaxTicks + kPageBuckets - 1) / kPageBuckets);
   occupied_.resize((initialMaxTicks + 63) / 64);
   due_.reserve(defaultBucketSize);
   kelClock_.notifierIs(clock ? clock : manager_->clock());
@@ -99,7 +100,7 @@ double TimerWheel::tickTime(std::int64_t tick) const {
 }
 
 std::size_t TimerWheel::slotOf(std::int64_t tick) const {
-  const auto n = static_cast<std::int64_t>(slots_.size());
+  const auto n = static_cast<std::int64_t>(tickCount_);
   return static_cast<std::size_t>(((tick % n) + n) % n);
 }
 
@@ -112,7 +113,7 @@ void TimerWheel::insert(Clock* c) {
   // during a wake-up, whose passed ticks must not fire again.
   if (armedCount() == 0 && !firing_) base_ = tickDown(manager_->currentTime());
   c->tick_ = std::max(tickOf(c->timeMin_), base_);
-  if (c->tick_ - base_ < static_cast<std::int64_t>(slots_.size())) {
+  if (c->tick_ - base_ < static_cast<std::int64_t>(tickCount_)) {
     linkBucket(c);
   } else {
     c->overflowPos_ = overflow_.emplace(c->tick_, c);  // after equal ticks: arming order
@@ -140,9 +141,15 @@ void TimerWheel::remove(Clock* c) {
   if (armedCount() == 0) kelClock_.timeMinIs(Kel::endOfTime);
 }
 
+TimerWheel::Bucket& TimerWheel::bucket(std::size_t slot) {
+  std::unique_ptr<Bucket[]>& page = pages_[slot / kPageBuckets];
+  if (!page) page = std::make_unique<Bucket[]>(kPageBuckets);
+  return page[slot % kPageBuckets];
+}
+
 void TimerWheel::linkBucket(Clock* c) {
   const std::size_t slot = slotOf(c->tick_);
-  Bucket& b = slots_[slot];
+  Bucket& b = bucket(slot);
   occupied_[slot / 64] |= std::uint64_t{1} << (slot % 64);
   if (!b.head) {
     c->prev_ = c->next_ = nullptr;
@@ -164,7 +171,7 @@ void TimerWheel::linkBucket(Clock* c) {
 
 void TimerWheel::unlinkBucket(Clock* c) {
   const std::size_t slot = slotOf(c->tick_);
-  Bucket& b = slots_[slot];
+  Bucket& b = bucket(slot);
   (c->prev_ ? c->prev_->next_ : b.head) = c->next_;
   (c->next_ ? c->next_->prev_ : b.tail) = c->prev_;
   c->prev_ = c->next_ = nullptr;
@@ -184,7 +191,7 @@ std::size_t TimerWheel::firstOccupied(std::size_t from, std::size_t to) const {
 }
 
 std::int64_t TimerWheel::nextWheelTick() const {
-  const std::size_t n = slots_.size();
+  const std::size_t n = tickCount_;
   const std::size_t start = slotOf(base_);
   std::size_t slot = firstOccupied(start, n);
   if (slot == n) slot = firstOccupied(0, start);
@@ -206,14 +213,15 @@ void TimerWheel::collectDue(std::int64_t nowTick) {
     const std::int64_t tick = nextWheelTick();
     if (tick > nowTick) break;
     const std::size_t slot = slotOf(tick);
-    for (Clock* c = slots_[slot].head; c;) {
+    Bucket& b = bucket(slot);
+    for (Clock* c = b.head; c;) {
       Clock* next = c->next_;
       c->prev_ = c->next_ = nullptr;
       take(c);
       --inWheel_;
       c = next;
     }
-    slots_[slot] = Bucket{};
+    b = Bucket{};
     occupied_[slot / 64] &= ~(std::uint64_t{1} << (slot % 64));
   }
   // Overflow ticks all follow the buckets' ticks.
@@ -226,7 +234,7 @@ void TimerWheel::collectDue(std::int64_t nowTick) {
 
 // Moves overflow clocks whose tick now falls within the buckets' range into their buckets.
 void TimerWheel::migrate() {
-  const auto n = static_cast<std::int64_t>(slots_.size());
+  const auto n = static_cast<std::int64_t>(tickCount_);
   while (!overflow_.empty() && overflow_.begin()->first - base_ < n) {
     Clock* c = overflow_.begin()->second;
     overflow_.erase(overflow_.begin());

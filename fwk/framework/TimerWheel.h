@@ -7,20 +7,23 @@
 // within a tick, in arming order when preserveOrder is set (most recently armed first otherwise).
 // The wheel has initialMaxTicks buckets, one tick each, reused as time goes round; clocks armed
 // further ahead wait in an ordered overflow list and move into the buckets as the wheel turns, so
-// any time can be armed. A time already passed fires at the next wake-up of the loop, or, when
-// armed from a callback of the wheel, at the next tick. defaultBucketSize is the capacity reserved
-// for the list of clocks due at one wake-up; buckets themselves are intrusive lists and need none.
-// Contract of a wheel clock, as for Kel::Clock::Notifiee: timeMinIs(endOfTime) disarms, setting
-// the time it already has does nothing, a NaN raises Kel::RangeException, it is disarmed before
-// onTime() runs (which may arm it again), and destroying it, armed or not, is safe, also while
-// other clocks' callbacks of the same wake-up are running. A wheel clock holds a strong reference
-// to its wheel, and the wheel to its Kel::Clock. If a callback throws, the clocks of that wake-up
-// that have not run yet are armed again for the next tick and the exception propagates.
+// any time can be armed. Buckets are allocated a page at a time when a clock first lands in that
+// page, so a wheel of many ticks that holds few clocks costs little memory and no start-up time. A
+// time already passed fires at the next wake-up of the loop, or, when armed from a callback of the
+// wheel, at the next tick. defaultBucketSize is the capacity reserved for the list of clocks due at
+// one wake-up; buckets themselves are intrusive lists and need none. Contract of a wheel clock, as
+// for Kel::Clock::Notifiee: timeMinIs(endOfTime) disarms, setting the time it already has does
+// nothing, a NaN raises Kel::RangeException, it is disarmed before onTime() runs (which may arm it
+// again), and destroying it, armed or not, is safe, also while other clocks' callbacks of the same
+// wake-up are running. A wheel clock holds a strong reference to its wheel, and the wheel to its
+// Kel::Clock. If a callback throws, the clocks of that wake-up that have not run yet are armed
+// again for the next tick and the exception propagates.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <vector>
 
 #include "fwk/framework/ActivityManager.h"
@@ -73,7 +76,7 @@ class TimerWheel : public Kel::Entity {
 
   const Kel::Ptr<Kel::Clock>& clock() const { return kelClock_.notifier(); }
   unsigned tickMsecs() const { return static_cast<unsigned>(tickUsecs_ / 1000); }
-  std::size_t tickCount() const { return slots_.size(); }
+  std::size_t tickCount() const { return tickCount_; }
   bool preserveOrder() const { return preserveOrder_; }
   unsigned defaultBucketSize() const { return defaultBucketSize_; }
 
@@ -100,6 +103,10 @@ class TimerWheel : public Kel::Entity {
     Clock* head = nullptr;
     Clock* tail = nullptr;
   };
+  static constexpr std::size_t kPageBuckets = 512;
+
+  // The bucket of a slot, its page allocated on first use.
+  Bucket& bucket(std::size_t slot);
 
   std::int64_t tickDown(double t) const;
   std::size_t slotOf(std::int64_t tick) const;
@@ -119,8 +126,9 @@ class TimerWheel : public Kel::Entity {
   std::int64_t tickUsecs_;
   bool preserveOrder_;
   unsigned defaultBucketSize_;
-  std::vector<Bucket> slots_;
-  std::vector<std::uint64_t> occupied_;  // one bit per non-empty bucket
+  std::size_t tickCount_;
+  std::vector<std::unique_ptr<Bucket[]>> pages_;  // kPageBuckets buckets each; null until used
+  std::vector<std::uint64_t> occupied_;           // one bit per non-empty bucket
   std::multimap<std::int64_t, Clock*> overflow_;
   std::vector<Clock*> due_;  // the clocks of the running wake-up; null once disarmed
   std::int64_t base_ = 0;    // the first tick not yet fired; buckets hold [base_, base_ + ticks)

@@ -92,12 +92,16 @@ TEST_F(TimerWheelTest, CallbacksDisarmDestroyAndReArmClocksOfTheSameWakeUp) {
   EXPECT_THROW(a.timeMinIs(std::nan("")), Kel::RangeException);
 }
 
+class TimerWheelSized : public TimerWheelTest, public ::testing::WithParamInterface<unsigned> {};
+
 // Arming far beyond the wheel's ticks, at random, with disarms, against a plain model: every
-// armed clock fires once, at its rounded-up tick, in (tick, arming order).
-TEST_F(TimerWheelTest, ClocksBeyondTheWheelFireInOrderAgainstAReferenceModel) {
-  auto w = wheel(8);
+// armed clock fires once, at its rounded-up tick, in (tick, arming order). The wheel turns about
+// 25 times; at 1100 ticks its buckets span three pages, the last one partly used.
+TEST_P(TimerWheelSized, ClocksBeyondTheWheelFireInOrderAgainstAReferenceModel) {
+  const unsigned ticks = GetParam();
+  auto w = wheel(ticks);
   std::mt19937 rng(7);
-  std::uniform_int_distribution<int> usecs(0, 2000000);
+  std::uniform_int_distribution<int> usecs(0, static_cast<int>(ticks) * 10000 * 25);
   std::vector<std::unique_ptr<WheelProbe>> clocks;
   struct Expected {
     long tick;
@@ -109,7 +113,7 @@ TEST_F(TimerWheelTest, ClocksBeyondTheWheelFireInOrderAgainstAReferenceModel) {
   for (int i = 0; i < 200; ++i) {
     clocks.push_back(std::make_unique<WheelProbe>(i, w));
     // Whole-microsecond times; some share a tick so that order within a tick is exercised.
-    const int us = (i % 3 == 0) ? 123456 : usecs(rng);
+    const int us = (i % 3 == 0) ? 123456 * static_cast<int>(ticks / 8) : usecs(rng);
     clocks[i]->timeMinIs(us / 1e6);
     model[i] = {(us + 9999) / 10000, armOrder++, i};
     if (i % 5 == 0 && i > 0) {  // re-arm an earlier one: it moves to the back of its tick
@@ -135,6 +139,8 @@ TEST_F(TimerWheelTest, ClocksBeyondTheWheelFireInOrderAgainstAReferenceModel) {
   }
   EXPECT_EQ(w->armedCount(), 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Ticks, TimerWheelSized, ::testing::Values(8u, 1100u));
 
 TEST_F(TimerWheelTest, WheelLivesWhileItsClocksDoAndRejectsBadShapes) {
   const long base = Kel::Entity::liveCount();
