@@ -6,11 +6,7 @@
 // kernel where it has). Then the faults the netlink fuzz target found, each pinned: every
 // message is handed over at the end of a page followed by an inaccessible one, so that a read past
 // it faults here too, without a sanitizer.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
-#include <linux/if.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -19,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/tools/RtnlBuilder.h"
 #include "tools/corvd-sim/KernelSource.h"
 
 namespace {
@@ -34,62 +31,23 @@ struct Recorder : CorvdSim::Publisher {
 
 class KernelMessages : public ::testing::Test {
  protected:
-  nlmsghdr* header(std::uint16_t type) {
-    buf_.assign(MNL_SOCKET_BUFFER_SIZE, 0);
-    nlmsghdr* nlh = mnl_nlmsg_put_header(buf_.data());
-    nlh->nlmsg_type = type;
-    return nlh;
-  }
-  // A device; a VRF device carries its table, a slave its master's index.
+  // A device, up with carrier; a VRF device carries its table, a slave its master's index.
   void link(std::uint16_t type, int index, const char* name, std::uint32_t table = 0,
             std::uint32_t master = 0) {
-    nlmsghdr* nlh = header(type);
-    auto* ifi = static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-    ifi->ifi_family = AF_UNSPEC;
-    ifi->ifi_index = index;
-    ifi->ifi_flags = IFF_UP | IFF_RUNNING;
-    mnl_attr_put_strz(nlh, IFLA_IFNAME, name);
-    mnl_attr_put_u32(nlh, IFLA_MTU, 1500);
-    mnl_attr_put_u8(nlh, IFLA_OPERSTATE, IF_OPER_UP);
-    if (master) mnl_attr_put_u32(nlh, IFLA_MASTER, master);
-    if (table) {
-      nlattr* info = mnl_attr_nest_start(nlh, IFLA_LINKINFO);
-      mnl_attr_put_strz(nlh, IFLA_INFO_KIND, "vrf");
-      nlattr* data = mnl_attr_nest_start(nlh, IFLA_INFO_DATA);
-      mnl_attr_put_u32(nlh, IFLA_VRF_TABLE, table);
-      mnl_attr_nest_end(nlh, data);
-      mnl_attr_nest_end(nlh, info);
-    }
-    deliver(nlh);
+    deliver(msg_.link(index, name, RtnlTest::kUp, table, master, type));
   }
   void addr(int family, int index, const char* text, int len) {
-    nlmsghdr* nlh = header(RTM_NEWADDR);
-    auto* ifa = static_cast<ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
-    ifa->ifa_family = static_cast<std::uint8_t>(family);
-    ifa->ifa_prefixlen = static_cast<std::uint8_t>(len);
-    ifa->ifa_index = static_cast<std::uint32_t>(index);
-    unsigned char bytes[16];
-    inet_pton(family, text, bytes);
-    mnl_attr_put(nlh, IFA_LOCAL, family == AF_INET ? 4 : 16, bytes);
-    deliver(nlh);
+    deliver(msg_.addr(family, index, text, len));
   }
   void route(std::uint16_t type, int family, std::uint32_t table, const char* dst, int len,
-             const char* gateway, int oif, std::uint8_t proto = RTPROT_STATIC) {
-    nlmsghdr* nlh = header(type);
-    auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
-    rtm->rtm_family = static_cast<std::uint8_t>(family);
-    rtm->rtm_dst_len = static_cast<std::uint8_t>(len);
-    rtm->rtm_table = RT_TABLE_UNSPEC;
-    rtm->rtm_protocol = proto;
-    rtm->rtm_type = RTN_UNICAST;
-    mnl_attr_put_u32(nlh, RTA_TABLE, table);
-    unsigned char bytes[16];
-    inet_pton(family, dst, bytes);
-    mnl_attr_put(nlh, RTA_DST, family == AF_INET ? 4 : 16, bytes);
-    inet_pton(family, gateway, bytes);
-    mnl_attr_put(nlh, RTA_GATEWAY, family == AF_INET ? 4 : 16, bytes);
-    mnl_attr_put_u32(nlh, RTA_OIF, static_cast<std::uint32_t>(oif));
-    deliver(nlh);
+             const char* gateway, int oif) {
+    deliver(msg_.route({.type = type,
+                        .family = family,
+                        .table = table,
+                        .dst = dst,
+                        .len = len,
+                        .gateway = gateway,
+                        .oif = oif}));
   }
   // The message's bytes end where an inaccessible page starts (its length rounded up to 4 bytes,
   // so that it starts aligned).
@@ -114,7 +72,7 @@ class KernelMessages : public ::testing::Test {
 
   Recorder pub_;
   KernelSource src_{pub_};
-  std::vector<char> buf_;
+  RtnlTest::RtnlBuilder msg_;
 };
 
 TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdrawsOnDelete) {
@@ -181,25 +139,6 @@ TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdraws
       << ::testing::PrintToString(lines);
 }
 
-// A route message of the main table, protocol static, over device 2, with `dst` as its last
-// attribute so far.
-nlmsghdr* routeTo(std::vector<char>& buf, int family, const char* dst, int len) {
-  buf.assign(MNL_SOCKET_BUFFER_SIZE, 0);
-  nlmsghdr* nlh = mnl_nlmsg_put_header(buf.data());
-  nlh->nlmsg_type = RTM_NEWROUTE;
-  auto* rtm = static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtmsg)));
-  rtm->rtm_family = static_cast<std::uint8_t>(family);
-  rtm->rtm_dst_len = static_cast<std::uint8_t>(len);
-  rtm->rtm_table = RT_TABLE_MAIN;
-  rtm->rtm_protocol = RTPROT_STATIC;
-  rtm->rtm_type = RTN_UNICAST;
-  mnl_attr_put_u32(nlh, RTA_OIF, 2);
-  unsigned char bytes[16];
-  inet_pton(family, dst, bytes);
-  mnl_attr_put(nlh, RTA_DST, family == AF_INET ? 4 : 16, bytes);
-  return nlh;
-}
-
 TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) {
   link(RTM_NEWLINK, 2, "a0");
   link(RTM_NEWLINK, 3, "b0");
@@ -207,18 +146,8 @@ TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) 
   const auto ignored = src_.counters().ignored;
 
   // A multipath route whose next hops end the message: its two hops, nothing read past them.
-  nlmsghdr* nlh = routeTo(buf_, AF_INET, "10.2.0.0", 16);
-  nlattr* mp = mnl_attr_nest_start(nlh, RTA_MULTIPATH);
-  for (auto [gateway, oif] : {std::pair{"10.1.0.5", 2}, std::pair{"10.1.1.5", 3}}) {
-    const std::uint32_t start = nlh->nlmsg_len;
-    auto* nh = static_cast<rtnexthop*>(mnl_nlmsg_put_extra_header(nlh, sizeof(rtnexthop)));
-    nh->rtnh_ifindex = oif;
-    unsigned char bytes[4];
-    inet_pton(AF_INET, gateway, bytes);
-    mnl_attr_put(nlh, RTA_GATEWAY, 4, bytes);
-    nh->rtnh_len = static_cast<unsigned short>(nlh->nlmsg_len - start);
-  }
-  mnl_attr_nest_end(nlh, mp);
+  nlmsghdr* nlh =
+      msg_.route({.dst = "10.2.0.0", .len = 16, .hops = {{"10.1.0.5", 2}, {"10.1.1.5", 3}}});
   deliver(nlh);
   auto lines = pub_.take();
   EXPECT_TRUE(has(lines,
@@ -229,7 +158,7 @@ TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) 
   // A length the kernel never sends (not a multiple of 4): the destination's last bytes would lie
   // past the message. Ignored, as are a destination with host bits set and an all-zero gateway
   // alone; with a device the zero gateway is left out.
-  nlh = routeTo(buf_, AF_INET6, "2001:db8:7::", 48);
+  nlh = msg_.route({.family = AF_INET6, .dst = "2001:db8:7::", .len = 48});
   nlh->nlmsg_len -= 3;
   deliver(nlh);
   route(RTM_NEWROUTE, AF_INET, RT_TABLE_MAIN, "10.0.0.91", 24, "10.1.0.5", 2);
@@ -266,7 +195,7 @@ TEST_F(KernelMessages, OnlyNamesALineCarriesAsOneWordAreMirroredAndOneNameIsOneD
   EXPECT_LT(std::find(lines.begin(), lines.end(), "(world blue stops)"),
             std::find(lines.begin(), lines.end(), "vrf blue"))
       << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "device blue 12 flags 65")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "device blue 12 flags 65601")) << ::testing::PrintToString(lines);
 }
 
 TEST_F(KernelMessages, AddressesOfAnUnknownDeviceSurviveADumpAndWaitForIt) {
