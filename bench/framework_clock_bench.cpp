@@ -105,4 +105,19 @@ void wheelReArm(benchmark::State& state) {
 }
 BENCHMARK(wheelReArm)->Arg(1000)->Arg(100000);
 
+// Making the module's wheel (30000 ticks of 10 ms), arming one clock on it and dropping it: what
+// every world pays for its wheel when it starts.
+void wheelMakeArmDrop(benchmark::State& state) {
+  Kel::ActivityManager* am = Kel::activityManager();
+  am->manualTimeIs(0);
+  for (auto _ : state) {
+    auto wheel = Kel::make<Vek::TimerWheel>(am, am->clock(), 10, 30000, true, 1024);
+    WheelCounting c(wheel);
+    c.timeMinIs(1.0);
+    c.timeMinIs(Kel::endOfTime);
+  }
+  am->reset();
+}
+BENCHMARK(wheelMakeArmDrop);
+
 }  // namespace
