@@ -54,6 +54,8 @@ void RecordArena::reserve() {
 void RecordArena::openPage() {
   if (!base_) reserve();
   std::size_t next = started_ ? current_ + 1 : 0;
+  // A page taken again must be returned first, or a later return would wipe its new records.
+  if (next < highWater_ || next == pageCount_) returnEmptied();
   for (std::size_t tries = 0; tries < pageCount_; ++tries, ++next) {
     if (next == pageCount_) next = 0;  // the reservation is spent: reuse returned pages
     if (pages_.count(next)) continue;
@@ -102,9 +104,22 @@ void RecordArena::give(void* rec) {
   --page.live;
   --live_;
   if (page.live != 0 || page.handedOut != perPage_) return;
-  madvise(base_ + index * pageSize_, pageSize_, MADV_DONTNEED);  // reads as zeros from now on
   pages_.erase(it);
-  bytesHeldAll_ -= pageSize_;
+  emptied_.push_back(index);
+  if (emptied_.size() == kReturnBatch) returnEmptied();
+}
+
+void RecordArena::returnEmptied() {
+  std::sort(emptied_.begin(), emptied_.end());
+  for (std::size_t i = 0; i < emptied_.size();) {
+    std::size_t j = i + 1;
+    while (j < emptied_.size() && emptied_[j] == emptied_[j - 1] + 1) ++j;
+    // The pages read as zeros from now on.
+    madvise(base_ + emptied_[i] * pageSize_, (j - i) * pageSize_, MADV_DONTNEED);
+    i = j;
+  }
+  bytesHeldAll_ -= emptied_.size() * pageSize_;
+  emptied_.clear();
 }
 
 RecordArena::State RecordArena::state(const void* p) const {

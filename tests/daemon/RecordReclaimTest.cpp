@@ -1,10 +1,13 @@
 // Entry and gateway records come back once they are gone, yet a stale pointer to one is caught
 // however long ago it went, and never reaches an unrelated live record; an interface address
 // never leaves its route-reference list behind.
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
 #include "DaemonTestUtil.h"
+#include "fwk/daemon/record_arena.h"
 
 namespace {
 
@@ -118,6 +121,50 @@ TEST_F(RecordReclaim, AddressFreedWithRoutesLeftTakesItsRouteListAlong) {
   corvd_reset();
   EXPECT_EQ(rt_entry_count(), 0u);
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
+// Emptied pages are forgotten at once (a pointer into one is gone for certain) but go back to the
+// system a batch at a time; a page taken again once the reservation is spent is returned first,
+// so that no later batch wipes the records it holds then.
+TEST(RecordArenaBatches, EmptiedPagesGoBackInBatchesAndAPageTakenAgainIsNeverWiped) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  constexpr std::size_t kPages = 64;  // the smallest reservation the arena makes
+  constexpr std::size_t kBatch = RecordArena::kReturnBatch;
+  RecordArena arena(page / 2, kPages * page);
+  const std::size_t base = RecordArena::bytesHeldAll();
+  auto held = [&] { return (RecordArena::bytesHeldAll() - base) / page; };
+  std::vector<unsigned char*> recs;
+  for (std::size_t i = 0; i < 2 * kPages; ++i) {
+    recs.push_back(static_cast<unsigned char*>(arena.take()));
+    recs.back()[0] = 0xab;
+  }
+  ASSERT_EQ(held(), kPages);
+  auto empty = [&](std::size_t p) {
+    arena.give(recs[2 * p]);
+    arena.give(recs[2 * p + 1]);
+  };
+  for (std::size_t p = 0; p < kBatch - 1; ++p) empty(p);
+  EXPECT_EQ(arena.pagesHeld(), kPages - (kBatch - 1));
+  EXPECT_EQ(arena.state(recs[0]), RecordArena::State::returned);
+  EXPECT_EQ(held(), kPages);  // not back yet
+  EXPECT_EQ(recs[0][0], 0xab);
+
+  // The reservation is spent: page 0 is taken again, after the waiting pages went back.
+  unsigned char* again = static_cast<unsigned char*>(arena.take());
+  ASSERT_EQ(again, recs[0]);
+  EXPECT_EQ(again[0], 0);  // taken zeroed
+  again[0] = 0xcd;
+  EXPECT_EQ(held(), kPages - (kBatch - 1) + 1);
+  EXPECT_EQ(recs[2][0], 0);  // page 1 went back
+
+  // A full batch goes back in one go, and the page taken again keeps its record.
+  for (std::size_t p = 20; p < 20 + kBatch - 1; ++p) empty(p);
+  EXPECT_EQ(held(), kPages - (kBatch - 1) + 1);
+  empty(20 + kBatch - 1);
+  EXPECT_EQ(held(), kPages - 2 * kBatch + 2);
+  EXPECT_EQ(recs[40][0], 0);
+  EXPECT_EQ(again[0], 0xcd);
+  EXPECT_EQ(arena.state(again), RecordArena::State::held);
 }
 
 }  // namespace
