@@ -14,7 +14,9 @@
 // pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
 // order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
 // 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
-// touches one slot run and, on a hash match, one node. No allocation per member.
+// touches one slot run and, on a hash match, one node. No allocation per member. A collection
+// of up to kSmall nodes (a route's next hops, say) has no index: a lookup walks its few nodes,
+// comparing hashes first. The index is built when the collection outgrows that, and stays.
 #pragma once
 
 #include <bit>
@@ -32,6 +34,7 @@ namespace Kel {
 template <class K, class V, class H = std::hash<K>>
 class HashMap {
   static constexpr std::uint32_t kNil = 0xffffffffu;
+  static constexpr std::size_t kSmall = 8;
 
   struct Node {
     K key{};
@@ -52,7 +55,8 @@ class HashMap {
 
   // Makes room for n members without growing the index.
   void reserve(std::size_t n) {
-    std::size_t cap = 4;
+    if (n <= kSmall && slots_.empty()) return;
+    std::size_t cap = 16;
     while (cap * 3 < n * 4) cap *= 2;
     if (cap > slots_.size()) rehash(cap);
   }
@@ -223,12 +227,14 @@ class HashMap {
     const std::uint32_t h = mix(k);
     std::uint32_t i = lookup(k, h);
     if (i != kNil) return {i, false};
-    if ((indexed_ + 1) * 4 > slots_.size() * 3) rehash(slots_.empty() ? 4 : slots_.size() * 2);
+    if (slots_.empty() ? indexed_ + 1 > kSmall : (indexed_ + 1) * 4 > slots_.size() * 3) {
+      rehash(slots_.empty() ? 16 : slots_.size() * 2);
+    }
     i = allocate();
     Node& n = node(i);
     n.key = k;
     n.hash = h;
-    place(h, i);
+    if (!slots_.empty()) place(h, i);
     ++indexed_;
     link(i);
     return {i, true};
@@ -243,7 +249,12 @@ class HashMap {
   }
 
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
-    if (slots_.empty()) return kNil;
+    if (slots_.empty()) {  // small: every node of the index is on the order list
+      for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+        if (node(i).hash == h && node(i).key == k) return i;
+      }
+      return kNil;
+    }
     const std::size_t mask = slots_.size() - 1;
     for (std::size_t p = h & mask;; p = (p + 1) & mask) {
       const std::uint64_t s = slots_[p];
@@ -263,6 +274,10 @@ class HashMap {
   void rehash(std::size_t cap) {
     std::vector<std::uint64_t> old(cap, 0);
     old.swap(slots_);
+    if (old.empty()) {  // leaving small: index the nodes on the order list
+      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(node(i).hash, i);
+      return;
+    }
     for (std::uint64_t s : old) {
       if (s != 0) place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
     }
@@ -317,7 +332,7 @@ class HashMap {
   // to the free list.
   void forget(std::uint32_t i) {
     unlink(i);
-    unplace(i);
+    if (!slots_.empty()) unplace(i);
     --indexed_;
     Node& n = node(i);
     n.key = K{};
