@@ -214,12 +214,12 @@ class HashMap {
     h ^= h >> 33;
     return static_cast<std::uint32_t>(h);
   }
-  // Block b holds 2^(b+1) nodes, indexes [2^(b+1) - 2, 2^(b+2) - 2): small collections stay
-  // small, and a million members take twenty blocks.
-  static unsigned blockOf(std::uint32_t i) { return std::bit_width(i + 2u) - 2; }
+  // Block b holds 2^b nodes, indexes [2^b - 1, 2^(b+1) - 1): a collection of one member (a
+  // route's one next hop) holds one node, and a million members take twenty blocks.
+  static unsigned blockOf(std::uint32_t i) { return std::bit_width(i + 1u) - 1; }
   Node& node(std::uint32_t i) const {
     const unsigned b = blockOf(i);
-    return blocks_[b][i + 2u - (2u << b)];
+    return blocks_[b][i + 1u - (1u << b)];
   }
 
   // The node of k, made (and linked at the back, not yet live) when the index has none.
@@ -304,8 +304,8 @@ class HashMap {
   std::uint32_t allocate() {
     if (free_ == kNil) {
       const auto b = static_cast<std::uint32_t>(blocks_.size());
-      const std::uint32_t base = (2u << b) - 2u;
-      const std::uint32_t count = 2u << b;
+      const std::uint32_t base = (1u << b) - 1u;
+      const std::uint32_t count = 1u << b;
       blocks_.push_back(std::make_unique<Node[]>(count));
       for (std::uint32_t j = count; j-- > 0;) {
         node(base + j).next = free_;
