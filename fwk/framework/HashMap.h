@@ -55,10 +55,10 @@ class HashMap {
 
   // Makes room for n members without growing the index.
   void reserve(std::size_t n) {
-    if (n <= kSmall && slots_.empty()) return;
+    if (n <= kSmall && unindexed()) return;
     std::size_t cap = 16;
     while (cap * 3 < n * 4) cap *= 2;
-    if (cap > slots_.size()) rehash(cap);
+    if (cap > slotCount_) rehash(cap);
   }
 
   const V* find(const K& k) const {
@@ -186,12 +186,12 @@ class HashMap {
   // key whose 32-bit hash collides may name another member's value, which is harmless for a
   // hint).
   void prefetchSlot(const K& k) const {
-    if (!slots_.empty()) prefetch(&slots_[mix(k) & (slots_.size() - 1)]);
+    if (!unindexed()) prefetch(&slots_[mix(k) & (slotCount_ - 1)]);
   }
   const V* prefetchNode(const K& k) const {
-    if (slots_.empty()) return nullptr;
+    if (unindexed()) return nullptr;
     const std::uint32_t h = mix(k);
-    const std::uint64_t s = slots_[h & (slots_.size() - 1)];
+    const std::uint64_t s = slots_[h & (slotCount_ - 1)];
     if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
@@ -227,14 +227,15 @@ class HashMap {
     const std::uint32_t h = mix(k);
     std::uint32_t i = lookup(k, h);
     if (i != kNil) return {i, false};
-    if (slots_.empty() ? indexed_ + 1 > kSmall : (indexed_ + 1) * 4 > slots_.size() * 3) {
-      rehash(slots_.empty() ? 16 : slots_.size() * 2);
+    if (unindexed() ? indexed_ + 1 > kSmall
+                    : (std::size_t{indexed_} + 1) * 4 > std::size_t{slotCount_} * 3) {
+      rehash(unindexed() ? 16 : std::size_t{slotCount_} * 2);
     }
     i = allocate();
     Node& n = node(i);
     n.key = k;
     n.hash = h;
-    if (!slots_.empty()) place(h, i);
+    if (!unindexed()) place(h, i);
     ++indexed_;
     link(i);
     return {i, true};
@@ -248,14 +249,15 @@ class HashMap {
     return true;
   }
 
+  bool unindexed() const { return slotCount_ == 0; }
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
-    if (slots_.empty()) {  // small: every node of the index is on the order list
+    if (unindexed()) {  // small: every node of the index is on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
         if (node(i).hash == h && node(i).key == k) return i;
       }
       return kNil;
     }
-    const std::size_t mask = slots_.size() - 1;
+    const std::size_t mask = slotCount_ - 1;
     for (std::size_t p = h & mask;; p = (p + 1) & mask) {
       const std::uint64_t s = slots_[p];
       if (s == 0) return kNil;
@@ -266,25 +268,27 @@ class HashMap {
     }
   }
   void place(std::uint32_t h, std::uint32_t i) {
-    const std::size_t mask = slots_.size() - 1;
+    const std::size_t mask = slotCount_ - 1;
     std::size_t p = h & mask;
     while (slots_[p] != 0) p = (p + 1) & mask;
     slots_[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
   }
   void rehash(std::size_t cap) {
-    std::vector<std::uint64_t> old(cap, 0);
+    std::unique_ptr<std::uint64_t[]> old = std::make_unique<std::uint64_t[]>(cap);  // zeroed
     old.swap(slots_);
-    if (old.empty()) {  // leaving small: index the nodes on the order list
+    const std::size_t oldCount = std::exchange(slotCount_, static_cast<std::uint32_t>(cap));
+    if (oldCount == 0) {  // leaving small: index the nodes on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(node(i).hash, i);
       return;
     }
-    for (std::uint64_t s : old) {
+    for (std::size_t j = 0; j < oldCount; ++j) {
+      const std::uint64_t s = old[j];
       if (s != 0) place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
     }
   }
   // Removes node i's slot, shifting the run after it back so no probe chain breaks.
   void unplace(std::uint32_t i) {
-    const std::size_t mask = slots_.size() - 1;
+    const std::size_t mask = slotCount_ - 1;
     std::size_t p = node(i).hash & mask;
     while (static_cast<std::uint32_t>(slots_[p]) - 1 != i) p = (p + 1) & mask;
     for (std::size_t q = (p + 1) & mask;; q = (q + 1) & mask) {
@@ -332,7 +336,7 @@ class HashMap {
   // to the free list.
   void forget(std::uint32_t i) {
     unlink(i);
-    if (!slots_.empty()) unplace(i);
+    if (!unindexed()) unplace(i);
     --indexed_;
     Node& n = node(i);
     n.key = K{};
@@ -358,7 +362,8 @@ class HashMap {
   // drain does not keep their nodes.
   void release() {
     blocks_.clear();
-    std::vector<std::uint64_t>().swap(slots_);
+    slots_.reset();
+    slotCount_ = 0;
     head_ = tail_ = free_ = kNil;
   }
   void maybePurge() {
@@ -372,14 +377,17 @@ class HashMap {
   }
 
   std::vector<std::unique_ptr<Node[]>> blocks_;
-  std::vector<std::uint64_t> slots_;
+  // 32-bit counts (node indexes are 32-bit anyway) keep the map at 64 bytes: every route of
+  // the state database holds one for its next hops.
+  std::unique_ptr<std::uint64_t[]> slots_;
+  std::uint32_t slotCount_ = 0;  // a power of two, or 0 while the collection is small
   std::uint32_t head_ = kNil;
   std::uint32_t tail_ = kNil;
   std::uint32_t free_ = kNil;
-  std::size_t indexed_ = 0;  // nodes in the index: live ones and tombstones
-  std::size_t live_ = 0;
-  std::size_t dead_ = 0;
-  mutable std::size_t iterators_ = 0;
+  std::uint32_t indexed_ = 0;  // nodes in the index: live ones and tombstones
+  std::uint32_t live_ = 0;
+  std::uint32_t dead_ = 0;
+  mutable std::uint32_t iterators_ = 0;
 };
 
 }  // namespace Kel
