@@ -1,6 +1,9 @@
 // Kanet::IntfId: the system-wide identifier of an interface ("Ethernet1", "Vlan10", "Loopback0").
-// A plain value compared, ordered and hashed by its text; the default is the empty id, which
-// means "no interface" (an unset bookmark, a via without an interface). Any text is accepted.
+// A plain value ordered and hashed by its text; the default is the empty id, which means "no
+// interface" (an unset bookmark, a via without an interface). Any text is accepted. Each distinct
+// text is held once, counted by the ids that name it, so an id is one pointer (a million routes'
+// next hops name a handful of interfaces) and equality compares pointers. Not thread-safe: ids
+// live on the daemon's one thread.
 // Kanet::LoopbackIntfId names a loopback interface: "Loopback" followed by one or more decimal
 // digits and nothing else. Its static isLoopbackIntfId tells whether any IntfId is of that form;
 // the test is case-sensitive ("loopback0" and "Loopback" alone are not loopbacks, nor is a
@@ -13,6 +16,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "fwk/framework/TypeName.h"
 
@@ -21,19 +25,48 @@ namespace Kanet {
 class IntfId {
  public:
   IntfId() = default;
-  IntfId(const char* name) : name_(name ? name : "") {}
-  IntfId(std::string name) : name_(std::move(name)) {}
-  IntfId(std::string_view name) : name_(name) {}
+  IntfId(const char* name) : IntfId(std::string_view(name ? name : "")) {}
+  IntfId(const std::string& name) : IntfId(std::string_view(name)) {}
+  IntfId(std::string_view name) : text_(intern(name)) {}
+  IntfId(const IntfId& o) noexcept : text_(o.text_) {
+    if (text_) ++text_->ids;
+  }
+  IntfId(IntfId&& o) noexcept : text_(std::exchange(o.text_, nullptr)) {}
+  IntfId& operator=(IntfId o) noexcept {
+    std::swap(text_, o.text_);
+    return *this;
+  }
+  ~IntfId() {
+    if (text_ && --text_->ids == 0) release(text_);
+  }
 
-  const std::string& toString() const { return name_; }
-  bool empty() const { return name_.empty(); }
+  const std::string& toString() const { return text_ ? text_->name : emptyText(); }
+  bool empty() const { return text_ == nullptr; }
+  std::size_t hash() const { return text_ ? text_->hash : emptyHash(); }
 
-  friend bool operator==(const IntfId&, const IntfId&) = default;
-  friend auto operator<=>(const IntfId&, const IntfId&) = default;
-  friend std::ostream& operator<<(std::ostream& os, const IntfId& id) { return os << id.name_; }
+  friend bool operator==(const IntfId& a, const IntfId& b) { return a.text_ == b.text_; }
+  friend std::strong_ordering operator<=>(const IntfId& a, const IntfId& b) {
+    return a.text_ == b.text_ ? std::strong_ordering::equal : a.toString() <=> b.toString();
+  }
+  friend std::ostream& operator<<(std::ostream& os, const IntfId& id) {
+    return os << id.toString();
+  }
+
+  // Distinct texts held (for tests: ids that go away give their text back).
+  static std::size_t textCount();
 
  private:
-  std::string name_;
+  struct Text {
+    std::string name;
+    std::size_t hash;
+    std::size_t ids;  // ids naming this text
+  };
+  static Text* intern(std::string_view name);  // null for the empty text
+  static void release(Text* t);
+  static const std::string& emptyText();
+  static std::size_t emptyHash();
+
+  Text* text_ = nullptr;
 };
 
 class LoopbackIntfId : public IntfId {
@@ -58,9 +91,7 @@ class LoopbackIntfId : public IntfId {
 
 template <>
 struct std::hash<Kanet::IntfId> {
-  size_t operator()(const Kanet::IntfId& id) const noexcept {
-    return std::hash<std::string>()(id.toString());
-  }
+  size_t operator()(const Kanet::IntfId& id) const noexcept { return id.hash(); }
 };
 
 template <>

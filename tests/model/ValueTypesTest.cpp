@@ -2,9 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <compare>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fwk/IntfBackLogEntry.h"
@@ -256,6 +259,47 @@ TEST(IntfId, LoopbackIdsAreLoopbackFollowedByDigitsOnly) {
     EXPECT_FALSE(Kanet::LoopbackIntfId::isLoopbackIntfId(id)) << id;
   }
   EXPECT_TRUE(Kanet::LoopbackIntfId::isLoopbackIntfId(Kanet::LoopbackIntfId(42)));
+}
+
+// Ids share one held text per name: equal texts make equal ids however they were made, order
+// and hash follow the text, and the text goes once the last id naming it does (copies, moves and
+// assignments included).
+TEST(IntfId, IdsOfOneTextAreEqualAndTheTextGoesWithTheLastId) {
+  using Kanet::IntfId;
+  const std::size_t before = IntfId::textCount();
+  {
+    std::string text = "Ethernet";
+    text += "7";
+    IntfId a(text), b(std::string_view("Ethernet7")), c("Ethernet10"), none(""), null(nullptr);
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, c);
+    EXPECT_EQ(none, IntfId());
+    EXPECT_EQ(null, IntfId());
+    EXPECT_TRUE(none.empty() && !a.empty());
+    EXPECT_EQ(IntfId::textCount(), before + 2);
+    // Text order, not the order the texts were first held in.
+    EXPECT_LT(c, a);
+    EXPECT_LT(none, c);
+    EXPECT_EQ(a <=> b, std::strong_ordering::equal);
+    EXPECT_EQ(std::hash<IntfId>()(a), std::hash<std::string>()("Ethernet7"));
+    EXPECT_EQ(std::hash<IntfId>()(none), std::hash<std::string>()(""));
+    EXPECT_EQ(a.toString(), "Ethernet7");
+    EXPECT_EQ(none.toString(), "");
+
+    IntfId moved(std::move(c));
+    EXPECT_TRUE(c.empty());  // NOLINT(bugprone-use-after-move): a moved-from id is empty
+    EXPECT_EQ(IntfId::textCount(), before + 2);
+    moved = a;  // "Ethernet10" loses its last id
+    EXPECT_EQ(IntfId::textCount(), before + 1);
+    const IntfId& same = moved;
+    moved = same;  // assigned to itself
+    EXPECT_EQ(moved.toString(), "Ethernet7");
+    a = IntfId();
+    b = IntfId("Ethernet7");
+    EXPECT_EQ(IntfId::textCount(), before + 1);
+  }
+  EXPECT_EQ(IntfId::textCount(), before);
+  EXPECT_EQ(IntfId("Ethernet7").toString(), "Ethernet7");  // held again after going
 }
 
 TEST(ModelUsers, RouteInputAndBacklogEntryAreKeyedByTheValueTypes) {
