@@ -13,6 +13,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "tests/tools/RtnlBuilder.h"
@@ -137,6 +139,56 @@ TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdraws
   lines = pub_.take();
   EXPECT_TRUE(mentions(lines, "route gold rtproto-static 10.5.0.0/16"))
       << ::testing::PrintToString(lines);
+}
+
+// A VRF device's change message: without a readable table it changes nothing (the fuzz target
+// found the world left running after a table read as 0 turned the device into a plain one); a
+// new table restarts the world on that table with the slaves; table 0 stops it for good.
+TEST_F(KernelMessages, AVrfDeviceKeepsItsWorldUntilItsTableChanges) {
+  link(RTM_NEWLINK, 2, "a0");
+  addr(AF_INET, 2, "10.1.0.1", 24);
+  link(RTM_NEWLINK, 10, "blue", 100);
+  link(RTM_NEWLINK, 2, "a0", 0, 10);
+  route(RTM_NEWROUTE, AF_INET, 100, "10.8.0.0", 16, "10.1.0.5", 2);
+  route(RTM_NEWROUTE, AF_INET, 200, "10.6.0.0", 16, "10.1.0.6", 2);
+  pub_.take();
+  // The VRF kind and its data, holding `table` when given.
+  const auto vrfLink = [&](const std::optional<std::uint32_t>& table) {
+    nlmsghdr* nlh = msg_.link(10, "blue");
+    nlattr* info = mnl_attr_nest_start(nlh, IFLA_LINKINFO);
+    mnl_attr_put_strz(nlh, IFLA_INFO_KIND, "vrf");
+    nlattr* data = mnl_attr_nest_start(nlh, IFLA_INFO_DATA);
+    if (table) mnl_attr_put_u32(nlh, IFLA_VRF_TABLE, *table);
+    mnl_attr_nest_end(nlh, data);
+    mnl_attr_nest_end(nlh, info);
+    deliver(nlh);
+  };
+
+  vrfLink(std::nullopt);
+  auto lines = pub_.take();
+  EXPECT_FALSE(mentions(lines, "world") || mentions(lines, "vrf ") || mentions(lines, "route"))
+      << ::testing::PrintToString(lines);
+
+  vrfLink(200);
+  lines = pub_.take();
+  const auto at = [&](const std::string& text) {
+    return std::find(lines.begin(), lines.end(), text) - lines.begin();
+  };
+  ASSERT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
+  EXPECT_LT(at("(world blue stops)"), at("vrf blue")) << ::testing::PrintToString(lines);
+  EXPECT_LT(at("vrf blue"), at("intf a0 a0 vrf blue")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.6.0.0/16 via 10.1.0.6 dev a0"))
+      << ::testing::PrintToString(lines);
+  EXPECT_FALSE(mentions(lines, "10.8.0.0")) << ::testing::PrintToString(lines);
+
+  vrfLink(0);
+  lines = pub_.take();
+  EXPECT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default")) << ::testing::PrintToString(lines);
+  EXPECT_FALSE(has(lines, "vrf blue") || mentions(lines, "route "))
+      << ::testing::PrintToString(lines);
+  link(RTM_DELLINK, 10, "blue");
+  EXPECT_FALSE(mentions(pub_.take(), "world")) << "a plain device's removal stops no world";
 }
 
 TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) {

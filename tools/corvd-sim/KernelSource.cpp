@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <utility>
 
 #include "tools/corvd-sim/Netlink.h"
 
@@ -186,7 +187,7 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
   });
   if (other != links_.end()) linkGone(other->first);
   Link& l = links_[index];
-  const bool wasVrf = l.isVrf;
+  const Link was = l;
   // A device going down loses its IPv4 routes without a message.
   if ((l.flags & ~ifi->ifi_flags) & (IFF_UP | IFF_LOWER_UP)) routeDumpWanted_ = true;
   l.name = name;
@@ -203,12 +204,20 @@ void KernelSource::linkMessage(const nlmsghdr* nlh) {
     if (attrStr(info[IFLA_INFO_KIND]) == "vrf" && info[IFLA_INFO_DATA]) {
       Attrs<IFLA_VRF_MAX> vrf;
       mnl_attr_parse_nested(info[IFLA_INFO_DATA], Attrs<IFLA_VRF_MAX>::collect, &vrf);
-      l.table = attrU32(vrf[IFLA_VRF_TABLE], 0);
+      l.table = attrU32(vrf[IFLA_VRF_TABLE], l.table);
       l.isVrf = l.table != 0 && name != kDefault;
     }
   }
+  // A VRF device whose table changes (or that says table 0) stops being that VRF first: its
+  // world goes, and it and its slaves move to "default" until the VRF starts again.
+  const bool sameVrf = was.isVrf && l.isVrf && was.table == l.table;
+  if (was.isVrf && !sameVrf) {
+    const bool isVrf = std::exchange(l.isVrf, false);
+    vrfStopped(index, was);
+    l.isVrf = isVrf;
+  }
   syncLink(index);
-  if (l.isVrf && !wasVrf) vrfStarted(index);
+  if (l.isVrf && !sameVrf) vrfStarted(index);
 }
 
 void KernelSource::vrfStarted(std::uint32_t index) {
@@ -233,7 +242,13 @@ void KernelSource::linkGone(std::uint32_t index) {
   v6_.erase(index);
   // The kernel drops the IPv4 routes over the device without telling.
   routeDumpWanted_ = true;
-  if (!l.isVrf) return;
+  for (auto& [other, link] : links_) {
+    if (link.master == index) link.master = 0;
+  }
+  if (l.isVrf) vrfStopped(index, l);
+}
+
+void KernelSource::vrfStopped(std::uint32_t index, const Link& l) {
   // The world goes with its routes and inputs; the table's routes are published again if a VRF
   // device takes the table later. A table another VRF device took since stays that device's.
   const bool ownedTable = tableVrf(l.table) == l.name;
@@ -245,14 +260,11 @@ void KernelSource::linkGone(std::uint32_t index) {
   }
   std::erase_if(inputs_, [&](const auto& in) { return in.first == l.name; });
   pub_.vrfGone(l.name);
-  for (auto& [other, link] : links_) {
-    if (link.master == index) link.master = 0;
-  }
   for (auto& [other, link] : links_) syncLink(other);
   // The kernel lets VRF devices share a table: another one that uses it takes it over.
   if (!ownedTable) return;
   for (const auto& [other, link] : links_) {
-    if (link.isVrf && link.table == l.table) {
+    if (other != index && link.isVrf && link.table == l.table) {
       vrfTables_[l.table] = link.name;
       syncTable(l.table);
       return;

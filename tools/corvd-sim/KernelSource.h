@@ -129,6 +129,8 @@ class KernelSource {
   void syncTable(std::uint32_t table);
   std::string tableVrf(std::uint32_t table) const;
   void vrfStarted(std::uint32_t index);
+  // Stops the world of the VRF device `was` (at index), which is gone or no longer that VRF.
+  void vrfStopped(std::uint32_t index, const Link& was);
 
   Publisher& pub_;
   Counters counters_;
