@@ -16,7 +16,8 @@
 // 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
 // touches one slot run and, on a hash match, one node. No allocation per member. A collection
 // of up to kSmall nodes (a route's next hops, say) has no index: a lookup walks its few nodes,
-// comparing hashes first. The index is built when the collection outgrows that, and stays.
+// comparing hashes first. The index is built when the collection outgrows that, and goes
+// when it is emptied.
 #pragma once
 
 #include <bit>

@@ -6,21 +6,18 @@
 
 namespace Kanet {
 
-namespace {
 // Never destroyed: ids with static storage may outlive any other static object.
-auto& texts() {
-  static auto* t = new std::unordered_map<std::string_view, void*>();
+std::unordered_map<std::string_view, IntfId::Text*>& IntfId::texts() {
+  static auto* t = new std::unordered_map<std::string_view, Text*>();
   return *t;
 }
-}  // namespace
 
 IntfId::Text* IntfId::intern(std::string_view name) {
   if (name.empty()) return nullptr;
   auto& table = texts();
   if (auto it = table.find(name); it != table.end()) {
-    Text* t = static_cast<Text*>(it->second);
-    ++t->ids;
-    return t;
+    ++it->second->ids;
+    return it->second;
   }
   auto* t = new Text{std::string(name), std::hash<std::string_view>()(name), 1};
   table.emplace(std::string_view(t->name), t);

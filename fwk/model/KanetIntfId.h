@@ -16,6 +16,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 
 #include "fwk/framework/TypeName.h"
@@ -61,7 +62,8 @@ class IntfId {
     std::size_t hash;
     std::size_t ids;  // ids naming this text
   };
-  static Text* intern(std::string_view name);  // null for the empty text
+  static std::unordered_map<std::string_view, Text*>& texts();  // each held text by its name
+  static Text* intern(std::string_view name);                   // null for the empty text
   static void release(Text* t);
   static const std::string& emptyText();
   static std::size_t emptyHash();
