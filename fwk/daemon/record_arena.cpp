@@ -21,7 +21,8 @@
 
 namespace {
 
-constexpr std::size_t kRegisterChunk = std::size_t{1} << 20;  // LeakSanitizer root regions
+[[maybe_unused]] constexpr std::size_t kRegisterChunk = std::size_t{1}
+                                                        << 20;  // LeakSanitizer root regions
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "corvd: record arena: %s\n", what);

@@ -66,10 +66,10 @@ class RecordArena {
   std::size_t perPage_ = 0;
   std::size_t pageCount_ = 0;
   unsigned char* base_ = nullptr;
-  std::size_t current_ = 0;     // page records are taken from
-  std::size_t highWater_ = 0;   // pages below it have been opened at least once
-  bool started_ = false;        // a page has been opened
-  std::size_t registered_ = 0;  // bytes registered with LeakSanitizer
+  std::size_t current_ = 0;                      // page records are taken from
+  std::size_t highWater_ = 0;                    // pages below it have been opened at least once
+  bool started_ = false;                         // a page has been opened
+  [[maybe_unused]] std::size_t registered_ = 0;  // bytes registered with LeakSanitizer
   std::size_t live_ = 0;
   std::unordered_map<std::size_t, Page> pages_;  // held pages by index
   std::vector<std::size_t> emptied_;             // forgotten pages not yet returned

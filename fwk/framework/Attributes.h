@@ -404,6 +404,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     return name##_.begin();                                                                  \
   }                                                                                          \
   std::size_t name##Count() const { return name##_.size(); }                                 \
+  /* Room for n adapters without growing the index (a reactor about to watch that many). */  \
+  void name##Reserve(std::size_t n) { name##_.reserve(n); }                                  \
   const ::Kel::HashMap<Key, std::unique_ptr<Adapter>>& name##Collection() const {            \
     return name##_;                                                                          \
   }                                                                                          \
