@@ -33,6 +33,7 @@
 #include <linux/rtnetlink.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -67,6 +68,7 @@ class ScenarioPublisher : public CorvdSim::Publisher {
 
   void line(const std::string& text) override {
     ++lines;
+    if (echo_) std::fprintf(stderr, "%s\n", text.c_str());
     try {
       s_.runLine(text, kSource, ++lineNo_);
     } catch (const CorvdSim::ScenarioError& e) {
@@ -78,13 +80,18 @@ class ScenarioPublisher : public CorvdSim::Publisher {
     FUZZ_CHECK(s_.stopWorld(vrf), "the source ended VRF " + vrf + ", whose world it never started");
   }
   // Runs the worlds as `run` lines do.
-  void run(const char* seconds) { s_.runLine(std::string("run ") + seconds, "fuzz", ++lineNo_); }
+  void run(const char* seconds) {
+    if (echo_) std::fprintf(stderr, "run %s\n", seconds);
+    s_.runLine(std::string("run ") + seconds, "fuzz", ++lineNo_);
+  }
 
   std::uint64_t lines = 0;
 
  private:
   CorvdSim::Scenario& s_;
   int lineNo_ = 0;
+  // NETLINK_ECHO=1 prints each line the source publishes: a replayed finding shows its story.
+  const bool echo_ = std::getenv("NETLINK_ECHO") != nullptr;
 };
 
 // Runs f; an exception leaving it is a finding.

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -73,6 +75,8 @@ struct Table {
   std::vector<std::pair<if_addr*, int>> reports;
   std::vector<if_addr*> removedAddrs;
   std::vector<std::unique_ptr<if_link>> removedLinks;
+  // Names a live link held before a refresh gave it another: the devices that had its index.
+  std::unordered_map<const if_link*, std::vector<std::string>> formerNames;
   Table() {
     v4.maxLen = 32;
     v6.maxLen = 128;
@@ -360,6 +364,12 @@ if_link* if_conf_addlink(task* tp, if_link* existing, unsigned long ifindex, fla
   std::size_t n =
       name && namelen > 0 ? std::min<std::size_t>(static_cast<std::size_t>(namelen), 16) : 0;
   if (name) n = strnlen(name, n);
+  if (l->ifl_name[0] && std::string_view(l->ifl_name) != std::string_view(name ? name : "", n)) {
+    std::vector<std::string>& former = t.formerNames[l];
+    if (std::find(former.begin(), former.end(), l->ifl_name) == former.end()) {
+      former.emplace_back(l->ifl_name);
+    }
+  }
   std::memset(l->ifl_name, 0, sizeof l->ifl_name);
   if (n) std::memcpy(l->ifl_name, name, n);
   l->ifl_state = state;
@@ -395,10 +405,23 @@ void if_conf_dellink(task* tp, unsigned long ifindex, const char* name) {
   }
   if_link* l = it->second.get();
   if (name && std::strncmp(name, l->ifl_name, 16) != 0) {
+    // The caller names a device that had this index before a refresh gave the link to another
+    // one: that device is gone already, and the link is the other's. Nothing to remove.
+    auto former = t.formerNames.find(l);
+    if (former != t.formerNames.end()) {
+      auto& names = former->second;
+      auto match = std::find(names.begin(), names.end(), std::string(name, strnlen(name, 16)));
+      if (match != names.end()) {
+        names.erase(match);
+        if (names.empty()) t.formerNames.erase(former);
+        return;
+      }
+    }
     corvd_misuse("if_conf_dellink",
                  std::string("name ") + name + " does not match link " + l->ifl_name);
     return;
   }
+  t.formerNames.erase(l);
   while (l->ifl_addr_set.ias_first) removeAddr(l->ifl_addr_set.ias_first);
   sock_release(l->ifl_lladdr);
   l->ifl_lladdr = nullptr;

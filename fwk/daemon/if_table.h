@@ -142,7 +142,10 @@ if_link* if_conf_addlink(task* tp, if_link* existing, unsigned long ifindex, fla
                          metric_t metric, mtu_t mtu, const char* name, int namelen,
                          sockaddr_un* lladdr);
 // Removes the link and its addresses (each reports IFC_DELETE, with IFC_UPDOWN when up).
-// A name that does not match the link's is a misuse and nothing is removed.
+// A name the link held before an if_conf_addlink refresh renamed it names a device that had
+// the index before: nothing is removed, once per such name (the loopback can take over a
+// device's link before that device's deletion is applied). Any other name that does not match
+// the link's is a misuse, and nothing is removed.
 void if_conf_dellink(task* tp, unsigned long ifindex, const char* name);
 // Adds or refreshes the address of `ifi->ifi_link` named by `ifi->ifi_addr_local`. Takes over
 // the request's sockdup copies (also when refused, so nothing leaks). Returns the address or

@@ -236,3 +236,37 @@ TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
 }
 
 }  // namespace
+
+namespace {
+void delLinkNamed(unsigned long index, const char* name) {
+  if_conf_open(fwk_task, 0);
+  if_conf_dellink(fwk_task, index, name);
+  if_conf_close(fwk_task, 1);
+}
+}  // namespace
+
+TEST_F(InterfaceTable, DellinkByANameTheLinkHeldBeforeARefreshRemovesNothing) {
+  // eth0 has index 2; the loopback takes the index over (a refresh under its own name) before
+  // eth0's deletion arrives, naming eth0.
+  addLink(2, "eth0", true);
+  ASSERT_NE(addAddr(2, in4("10.0.0.1"), 24), nullptr) << misuseText();
+  addLink(2, "lo", true, IFS_LOOPBACK);
+  delLinkNamed(2, "eth0");
+  ASSERT_NE(ifl_locate_index(2), nullptr);
+  EXPECT_STREQ(ifl_locate_index(2)->ifl_name, "lo");
+  EXPECT_EQ(if_addr_count(), 1u);
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+  // Once per former name; a name the link never held is the caller's fault.
+  delLinkNamed(2, "eth0");
+  EXPECT_EQ(corvd_misuse_count(), 1u);
+  delLinkNamed(2, "eth9");
+  EXPECT_EQ(corvd_misuse_count(), 2u);
+  EXPECT_NE(ifl_locate_index(2), nullptr);
+  // The link's own name removes it, and its former names go with it.
+  delLinkNamed(2, "lo");
+  EXPECT_EQ(ifl_locate_index(2), nullptr);
+  EXPECT_EQ(if_addr_count(), 0u);
+  addLink(2, "eth1", true);
+  delLinkNamed(2, "eth0");
+  EXPECT_EQ(corvd_misuse_count(), 3u);
+}

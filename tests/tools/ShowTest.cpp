@@ -191,4 +191,15 @@ TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
   EXPECT_EQ(counters["vrfs"][1]["calls"].value("rt_add", 0), 0);  // red has no routes
 }
 
+// A device name need not be UTF-8 (the kernel takes any bytes): the JSON is still one valid
+// document, the stray byte shown as U+FFFD.
+TEST_F(ShowTest, NamesThatAreNotUtf8StillGiveValidJson) {
+  lines("device et\xb4 4\nintf Odd et\xb4\nip Odd 10.0.4.1/24\nrun 1");
+  bool odd = false;
+  for (const auto& e : doc("show interfaces json")) {
+    if (e["ifindex"] == 4) odd = e["ifname"] == "et\xef\xbf\xbd";
+  }
+  EXPECT_TRUE(odd);
+}
+
 }  // namespace

@@ -21,6 +21,12 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
+// The document as one line of JSON. Names come from the scenario or the kernel as bytes (a
+// device name need not be UTF-8); bytes that are not UTF-8 are shown as U+FFFD.
+std::string jsonLine(const Json& doc) {
+  return doc.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
 std::string text(const sockaddr_un* a) {
   char buf[96];
   sockaddr_format(a, buf, sizeof buf);
@@ -334,7 +340,7 @@ void showCounters(ShowContext& ctx, bool json, std::ostream& out) {
   doc["loop"] = {{"callbacks", ctx.observer.callbacks()},
                  {"longest_callback_s", ctx.observer.longestCallback()}};
   if (json) {
-    out << doc.dump() << '\n';
+    out << jsonLine(doc);
   } else {
     out << "loop: callbacks " << ctx.observer.callbacks() << " longest-callback "
         << ctx.observer.longestCallback() << " s\n";
@@ -363,7 +369,7 @@ void showUnresolved(ShowContext& ctx, const Options& o, std::ostream& out) {
     }
     if (!o.json && n == 0) out << "  (none)\n";
   }
-  if (o.json) out << doc.dump() << '\n';
+  if (o.json) out << jsonLine(doc);
 }
 
 void showSummary(ShowContext& ctx, const Options& o, std::ostream& out) {
@@ -412,7 +418,7 @@ void showSummary(ShowContext& ctx, const Options& o, std::ostream& out) {
         << " ipv6 addresses\n"
         << "  pending: " << pending << " key(s) queued, " << parked << " route(s) unresolved\n";
   }
-  if (o.json) out << doc.dump() << '\n';
+  if (o.json) out << jsonLine(doc);
 }
 
 }  // namespace
@@ -462,7 +468,7 @@ void runShow(const std::vector<std::string>& w, ShowContext& ctx, std::ostream& 
     }
   }
   if (!o.name.empty() && !found) throw ArgError("no interface " + o.name.substr(0, 40));
-  out << (o.json ? doc.dump() + "\n" : text.str());
+  out << (o.json ? jsonLine(doc) : text.str());
 }
 
 }  // namespace CorvdSim
