@@ -107,7 +107,9 @@ void RecordArena::give(void* rec) {
   if (page.live != 0 || page.handedOut != perPage_) return;
   pages_.erase(it);
   emptied_.push_back(index);
-  if (emptied_.size() == kReturnBatch) returnEmptied();
+  if (emptied_.size() >= kReturnBatch && emptied_.size() >= pages_.size() / kReturnShare) {
+    returnEmptied();
+  }
 }
 
 void RecordArena::returnEmptied() {

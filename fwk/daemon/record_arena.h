@@ -8,9 +8,12 @@
 // it is gone, and the arena forgets it. `state` then answers, without reading the record, whether
 // a pointer is a record on a page still held (the caller reads the record's own tag to tell live
 // from gone), a record whose page was returned (gone for certain), or no record of the arena.
-// Emptied pages go back to the system kReturnBatch at a time, a run of adjacent pages in one call:
-// each return makes the kernel flush the page's translations on every processor the process ran
-// on, which cost a withdrawal of a full table a third of its time when done page by page.
+// Emptied pages go back to the system in batches, a run of adjacent pages in one call: each
+// return makes the kernel flush translations on every processor the process ran on, which cost a
+// withdrawal of a full table a third of its time when done page by page. A batch goes once the
+// emptied pages number kReturnBatch and an eighth (kReturnShare) of the pages still held, so a
+// large table's withdrawal makes tens of calls, not thousands, and the memory held back stays
+// a small share of what is in use.
 //
 // Limits: addresses are reused only after the whole reservation has been handed out once (several
 // hundred million records); from then on pages are reused oldest first, and a pointer kept across
@@ -40,8 +43,10 @@ class RecordArena {
   void give(void* rec);
   State state(const void* p) const;
 
-  // Emptied pages held back until this many are waiting to go back to the system.
+  // Emptied pages are held back until at least kReturnBatch, and at least 1/kReturnShare of the
+  // pages still held, wait to go back to the system.
   static constexpr std::size_t kReturnBatch = 16;
+  static constexpr std::size_t kReturnShare = 8;
 
   std::size_t liveRecords() const { return live_; }
   std::size_t pagesHeld() const { return pages_.size(); }

@@ -167,4 +167,24 @@ TEST(RecordArenaBatches, EmptiedPagesGoBackInBatchesAndAPageTakenAgainIsNeverWip
   EXPECT_EQ(arena.state(again), RecordArena::State::held);
 }
 
+// In a large arena the batch is an eighth of the pages still held: of 1024 full pages, the first
+// 112 emptied wait (112 < 912 / 8), the 113th sends all 113 back (113 >= 911 / 8).
+TEST(RecordArenaBatches, ALargeArenaHoldsBackAnEighthOfItsPages) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  constexpr std::size_t kPages = 1024;
+  RecordArena arena(page, kPages * page);
+  const std::size_t base = RecordArena::bytesHeldAll();
+  auto held = [&] { return (RecordArena::bytesHeldAll() - base) / page; };
+  std::vector<void*> recs;
+  for (std::size_t i = 0; i < kPages; ++i) recs.push_back(arena.take());
+  ASSERT_EQ(held(), kPages);
+  for (std::size_t p = 0; p < 112; ++p) arena.give(recs[p]);
+  EXPECT_EQ(held(), kPages);
+  arena.give(recs[112]);
+  EXPECT_EQ(held(), kPages - 113);
+  // What is left goes back in ever smaller batches, and all of it in the end.
+  for (std::size_t p = 113; p < kPages; ++p) arena.give(recs[p]);
+  EXPECT_LT(held(), RecordArena::kReturnBatch);
+}
+
 }  // namespace
