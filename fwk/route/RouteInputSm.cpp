@@ -3,24 +3,13 @@
 
 #include "fwk/ModuleSupport.h"
 #include "fwk/framework/ActivityManager.h"
+#include "fwk/framework/Prefetch.h"
 
 namespace InterfaceRouteInfo {
 
 namespace {
 // Flags given to gw_init for a protocol's gateway; their meaning is the daemon's.
 constexpr flag_t kGatewayFlags = 0x800;
-
-// The whole-input sweeps walk the input's routes in order, and each route costs a few cache
-// misses that do not depend on the route before it (its entity, its slot in an index). A second
-// iterator kSweepAhead routes further on asks for those lines early, so that the misses overlap
-// instead of following one another. Hints only: nothing is read or changed through them.
-constexpr std::size_t kSweepAhead = 8;
-
-template <class Iterator>
-Iterator sweepAhead(Iterator it) {
-  for (std::size_t i = 0; i < kSweepAhead && it; ++i) ++it;
-  return it;
-}
 }  // namespace
 
 template <class Traits>
@@ -31,9 +20,12 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
   kelInputsIs(name, routeInput, kernelIntfStatusDir, intfStatusManager);
   kelRouteInput_.notifierIs(routeInput);
   if (!routeInput) return;
+  // The sweep walks the input's routes in order; each costs misses that do not depend on the
+  // route before it, so the lines of the route kPrefetchAhead further on are asked for early and
+  // the misses overlap. The adapters' index is sized once for the whole input.
   const auto& routes = routeInput->routeCollection();
   routeReserve(routes.size());
-  auto ahead = sweepAhead(routes.begin());
+  auto ahead = Kel::prefetchAhead(routes.begin());
   for (auto [key, route] : routes) {
     if (ahead) {
       // routeIs reads the route's key, counts a reference in it and registers with it (its
@@ -110,7 +102,7 @@ void RouteInputSmT<Traits>::handleRoute() {
   routeBacklog()->backlogReserve(routeBacklog()->backlogCount() + routeInput()->routeCount());
   const auto& routes = routeInput()->routeCollection();
   const auto& keys = routeBacklog()->backlogCollection();
-  auto ahead = sweepAhead(routes.begin());
+  auto ahead = Kel::prefetchAhead(routes.begin());
   for (auto [key, route] : routes) {
     if (ahead) {
       keys.prefetchSlot(ahead.key());

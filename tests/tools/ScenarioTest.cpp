@@ -113,6 +113,7 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
       {"mtu Ethernet1 65536", "t.scn:1: mtu '65536' out of range 68..65535"},
       {"oper Ethernet1 sideways", "t.scn:1: oper status must be up or down"},
       {"intf Ethernet1 et2", "t.scn:1: interface 'Ethernet1' is on device et1 (nointf it first)"},
+      {"intf Other et1", "t.scn:1: device et1 has interface 'Ethernet1' already (nointf it first)"},
       {"ip Ethernet1 10.0.1.1/33", nullptr},
       {"ip Ethernet1 10.0.1.300/24", nullptr},
       {"ip Ethernet1 0.0.0.0/8", "t.scn:1: 0.0.0.0 is no interface address"},

@@ -76,7 +76,8 @@ struct Scenario::State {
   bool json = false;                             // every show prints JSON
   std::map<std::string, std::uint32_t> devices;  // kernel device -> ifIndex
   std::map<std::string, IntfInfo> intfs;
-  Watches watches;  // hold objects of the worlds: they go first
+  std::map<std::string, std::string> intfOfDevice;  // device -> the interface on it
+  Watches watches;                                  // hold objects of the worlds: they go first
 
   ~State() {
     watches.clear();
@@ -315,10 +316,17 @@ void Scenario::runCommand(const std::string& line, const std::string& source, in
       }
       auto it = s.intfs.find(id);
       if (it == s.intfs.end()) {
+        // A kernel device is one interface's: two interfaces on one device would both add,
+        // flap and delete the daemon's one link of it.
+        if (auto other = s.intfOfDevice.find(dev); other != s.intfOfDevice.end()) {
+          fail("device " + dev + " has interface '" + other->second +
+               "' already (nointf it first)");
+        }
         IntfInfo info;
         info.device = dev;
         if (!vrf.empty()) info.vrf = vrf;
         s.intfs[id] = info;
+        s.intfOfDevice[dev] = id;
         const auto m = static_cast<std::uint16_t>(mtu < 0 ? 1500 : mtu);
         const auto known = s.devices.find(dev);
         const std::uint32_t index = known == s.devices.end() ? 0 : known->second;
@@ -358,6 +366,7 @@ void Scenario::runCommand(const std::string& line, const std::string& source, in
       need(2, 2, "nointf INTFID");
       IntfInfo info = knownIntf(w[1]);
       s.intfs.erase(w[1]);
+      s.intfOfDevice.erase(info.device);
       s.publish([id = w[1], info](World& wd) {
         if (info.hasV4) delV4(wd, info.vrf, id);
         if (info.hasV6) wd.ip6Status->intfRemove(Kanet::IntfId(id));

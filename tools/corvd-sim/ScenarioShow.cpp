@@ -315,10 +315,12 @@ void showCounters(ShowContext& ctx, bool json, std::ostream& out) {
       calls << ' ' << fn << ' ' << n;
     }
     v["misuse"] = corvd_misuse_count();
+    v["misuses"] = corvd_misuse_log();
     v["backlogs"] = Json::array();
     if (!json) {
-      out << "vrf " << name << ": misuse " << corvd_misuse_count()
-          << "\n  daemon calls:" << (calls.str().empty() ? " none" : calls.str()) << '\n';
+      out << "vrf " << name << ": misuse " << corvd_misuse_count() << '\n';
+      for (const std::string& m : corvd_misuse_log()) out << "  misuse: " << m << '\n';
+      out << "  daemon calls:" << (calls.str().empty() ? " none" : calls.str()) << '\n';
     }
     for (const auto& b : backlogs) {
       if (b.vrf != name) continue;
