@@ -313,20 +313,13 @@ void checkReinstantiation(const T& existing, const Args&... args) {
  private:                                                                       \
   ::Kel::Ptr<Type> name##_;
 
-// Removes every member of `name`, each through nameDel so that each is notified. Each removal
-// finds its key's index slot, a miss of its own in a large collection: the slot of the key
-// kPrefetchAhead members on is asked for early (a hint; the same members go in the same order).
-#define KEL_DEL_ALL_(name, Key)                         \
-  void name##DelAll() {                                 \
-    auto ahead = ::Kel::prefetchAhead(name##_.begin()); \
-    for (auto it = name##_.begin(); it; ++it) {         \
-      if (ahead) {                                      \
-        name##_.prefetchSlot(ahead.key());              \
-        ++ahead;                                        \
-      }                                                 \
-      const Key k = it.key();                           \
-      name##Del(k);                                     \
-    }                                                   \
+// Removes every member of `name`, each through nameDel so that each is notified.
+#define KEL_DEL_ALL_(name, Key)                 \
+  void name##DelAll() {                         \
+    for (auto it = name##_.begin(); it; ++it) { \
+      const Key k = it.key();                   \
+      name##Del(k);                             \
+    }                                           \
   }
 
 // What the keyed collections of entities share: lookup (null when absent), DelAll, iteration,
