@@ -61,6 +61,19 @@ inline std::string asWhat(std::string_view message) {
   std::abort();
 }
 
+// Prints the scenario lines a target runs to stderr when the environment variable `var` is set,
+// so that a replayed finding shows its story (corvd-sim replays the printed lines).
+class LineEcho {
+ public:
+  explicit LineEcho(const char* var) : on_(std::getenv(var) != nullptr) {}
+  void operator()(const std::string& line) const {
+    if (on_) std::fprintf(stderr, "%s\n", line.c_str());
+  }
+
+ private:
+  bool on_;
+};
+
 template <class T>
 struct Outcome {
   std::optional<T> value;  // set when the call returned

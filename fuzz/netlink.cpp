@@ -33,7 +33,6 @@
 #include <linux/rtnetlink.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -68,7 +67,7 @@ class ScenarioPublisher : public CorvdSim::Publisher {
 
   void line(const std::string& text) override {
     ++lines;
-    if (echo_) std::fprintf(stderr, "%s\n", text.c_str());
+    echo_(text);
     try {
       s_.runLine(text, kSource, ++lineNo_);
     } catch (const CorvdSim::ScenarioError& e) {
@@ -81,8 +80,9 @@ class ScenarioPublisher : public CorvdSim::Publisher {
   }
   // Runs the worlds as `run` lines do.
   void run(const char* seconds) {
-    if (echo_) std::fprintf(stderr, "run %s\n", seconds);
-    s_.runLine(std::string("run ") + seconds, "fuzz", ++lineNo_);
+    const std::string line = std::string("run ") + seconds;
+    echo_(line);
+    s_.runLine(line, "fuzz", ++lineNo_);
   }
 
   std::uint64_t lines = 0;
@@ -90,8 +90,7 @@ class ScenarioPublisher : public CorvdSim::Publisher {
  private:
   CorvdSim::Scenario& s_;
   int lineNo_ = 0;
-  // NETLINK_ECHO=1 prints each line the source publishes: a replayed finding shows its story.
-  const bool echo_ = std::getenv("NETLINK_ECHO") != nullptr;
+  const fuzz::LineEcho echo_{"NETLINK_ECHO"};  // the lines published, and the runs between
 };
 
 // Runs f; an exception leaving it is a finding.

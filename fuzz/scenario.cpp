@@ -15,8 +15,6 @@
 #include "tools/corvd-sim/Scenario.h"
 
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <exception>
 #include <ostream>
 #include <streambuf>
@@ -35,14 +33,13 @@ namespace {
 constexpr int kMaxLines = 64;
 const char kSource[] = "fuzz";
 
-// SCENARIO_ECHO=1 prints each line the scenario accepts: a replayed finding shows its story.
-const bool echo = std::getenv("SCENARIO_ECHO") != nullptr;
+const fuzz::LineEcho echo{"SCENARIO_ECHO"};  // the lines the scenario accepted
 
 void runLine(CorvdSim::Scenario& s, const std::string& line, int lineNo) {
   const std::string where = std::string(kSource) + ":" + std::to_string(lineNo) + ": ";
   try {
     s.runLine(line, kSource, lineNo);
-    if (echo) std::fprintf(stderr, "%s\n", line.c_str());
+    echo(line);
   } catch (const CorvdSim::ScenarioError& e) {
     const std::string what = e.what();
     FUZZ_CHECK(what.starts_with(where), "line " + std::to_string(lineNo) + ": " + what);

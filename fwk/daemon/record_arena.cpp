@@ -21,8 +21,8 @@
 
 namespace {
 
-[[maybe_unused]] constexpr std::size_t kRegisterChunk = std::size_t{1}
-                                                        << 20;  // LeakSanitizer root regions
+// LeakSanitizer root regions are registered this many bytes at a time.
+[[maybe_unused]] constexpr std::size_t kRegisterChunk = std::size_t{1} << 20;
 
 [[noreturn]] void fail(const char* what) {
   std::fprintf(stderr, "corvd: record arena: %s\n", what);

@@ -13,11 +13,19 @@ namespace Kel {
 // enough for several misses to overlap, near enough that the lines are still cached on arrival.
 constexpr std::size_t kPrefetchAhead = 8;
 
-// The collection iterator kPrefetchAhead members past `it` (or the end), for such a loop's hints.
-template <class Iterator>
-Iterator prefetchAhead(Iterator it) {
-  for (std::size_t i = 0; i < kPrefetchAhead && it; ++i) ++it;
-  return it;
+// Calls work(key, value) for each member of `c` in order, each time after hint(key, value) for
+// the member kPrefetchAhead further on (while there is one). The hint only asks for lines.
+template <class Collection, class Hint, class Work>
+void forEachAhead(const Collection& c, Hint&& hint, Work&& work) {
+  auto ahead = c.begin();
+  for (std::size_t i = 0; i < kPrefetchAhead && ahead; ++i) ++ahead;
+  for (auto [key, value] : c) {
+    if (ahead) {
+      hint(ahead.key(), ahead.value());
+      ++ahead;
+    }
+    work(key, value);
+  }
 }
 
 inline void prefetch(const void* p) {

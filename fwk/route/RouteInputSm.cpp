@@ -23,22 +23,21 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
   // The sweep walks the input's routes in order; each costs misses that do not depend on the
   // route before it, so the lines of the route kPrefetchAhead further on are asked for early and
   // the misses overlap. The adapters' index is sized once for the whole input.
-  const auto& routes = routeInput->routeCollection();
-  routeReserve(routes.size());
-  auto ahead = Kel::prefetchAhead(routes.begin());
-  for (auto [key, route] : routes) {
-    if (ahead) {
-      // routeIs reads the route's key, counts a reference in it and registers with it (its
-      // first two lines), then finds and fills the key's slot of the adapters' index.
-      if (const Route* next = ahead.value().ptr()) {
-        Kel::prefetch(next);
-        Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
-      }
-      routeCollection().prefetchSlot(ahead.key());
-      ++ahead;
-    }
-    if (route) routeIs(route);
-  }
+  routeReserve(routeInput->routeCount());
+  Kel::forEachAhead(
+      routeInput->routeCollection(),
+      [this](const Key& key, const auto& route) {
+        // routeIs reads the route's key, counts a reference in it and registers with it (its
+        // first two lines), then finds and fills the key's slot of the adapters' index.
+        if (const Route* next = route.ptr()) {
+          Kel::prefetch(next);
+          Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
+        }
+        routeCollection().prefetchSlot(key);
+      },
+      [this](const Key&, const auto& route) {
+        if (route) routeIs(route);
+      });
 }
 
 template <class Traits>
@@ -100,16 +99,11 @@ void RouteInputSmT<Traits>::handleRoute() {
   // Every key of the input is about to enter the backlog: size its index once, instead of
   // doubling it (and moving every slot) about twenty times inside this one call.
   routeBacklog()->backlogReserve(routeBacklog()->backlogCount() + routeInput()->routeCount());
-  const auto& routes = routeInput()->routeCollection();
   const auto& keys = routeBacklog()->backlogCollection();
-  auto ahead = Kel::prefetchAhead(routes.begin());
-  for (auto [key, route] : routes) {
-    if (ahead) {
-      keys.prefetchSlot(ahead.key());
-      ++ahead;
-    }
-    handleRoute(key);
-  }
+  Kel::forEachAhead(
+      routeInput()->routeCollection(),
+      [&keys](const Key& key, const auto&) { keys.prefetchSlot(key); },
+      [this](const Key& key, const auto&) { handleRoute(key); });
 }
 
 template <class Traits>
