@@ -92,7 +92,7 @@
 // ---- delivery switch of NOTIFIEES collections ----
 #define KEL_ACTIVE_(kind, ...) KEL_DISPATCH_(KEL_ACTIVE_, kind, __VA_ARGS__)
 #define KEL_ACTIVE_NOTIFIEES(name, ...) \
-  for (auto [k, a] : name##_) a->hasNotificationActiveIs(kelActive);
+  for (auto [k, a] : name##_) a.hasNotificationActiveIs(kelActive);
 #define KEL_ACTIVE_SCALAR(...)
 #define KEL_ACTIVE_SIGNAL(...)
 #define KEL_ACTIVE_SECONDS(...)

@@ -378,11 +378,13 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
   }
 
+// The adapters live in the collection's nodes (no heap block of their own); none moves while it
+// is a member. They are not counted among the adapters a reactor's factory sees being made (those
+// are its own members): they follow the reactor's delivery switch through the collection.
 #define KEL_MEMBER_NOTIFIEES(name, Cap, Key, Adapter, Watched)                               \
  public:                                                                                     \
   Adapter* name(const Key& k) const {                                                        \
-    const std::unique_ptr<Adapter>* v = name##_.find(k);                                     \
-    return v ? v->get() : nullptr;                                                           \
+    return const_cast<::Kel::HashMap<Key, Adapter>&>(name##_).find(k);                       \
   }                                                                                          \
   Adapter* name##Is(const ::Kel::Ptr<const Watched>& kelW) {                                 \
     if (!kelW) {                                                                             \
@@ -391,7 +393,11 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     }                                                                                        \
     const Key k = kelW->key();                                                               \
     if (Adapter* have = name(k); have && have->notifier() == kelW) return have;              \
-    Adapter* a = name##_.insert(k, std::make_unique<Adapter>(this, kelW)).first->get();      \
+    Adapter* a;                                                                              \
+    {                                                                                        \
+      const ::Kel::NotifieeBase::CollectorPause kelPause;                                    \
+      a = name##_.emplace(k, this, kelW).first;                                              \
+    }                                                                                        \
     ::Kel::followDeliverySwitch(*this, *a);                                                  \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
     return a;                                                                                \
@@ -400,18 +406,16 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     if (!name##_.erase(k)) return;                                                           \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
   }                                                                                          \
-  typename ::Kel::HashMap<Key, std::unique_ptr<Adapter>>::Iterator name##Iterator() const {  \
+  typename ::Kel::HashMap<Key, Adapter>::Iterator name##Iterator() const {                   \
     return name##_.begin();                                                                  \
   }                                                                                          \
   std::size_t name##Count() const { return name##_.size(); }                                 \
   /* Room for n adapters without growing the index (a reactor about to watch that many). */  \
   void name##Reserve(std::size_t n) { name##_.reserve(n); }                                  \
-  const ::Kel::HashMap<Key, std::unique_ptr<Adapter>>& name##Collection() const {            \
-    return name##_;                                                                          \
-  }                                                                                          \
+  const ::Kel::HashMap<Key, Adapter>& name##Collection() const { return name##_; }           \
                                                                                              \
  private:                                                                                    \
-  ::Kel::HashMap<Key, std::unique_ptr<Adapter>> name##_;
+  ::Kel::HashMap<Key, Adapter> name##_;
 
 // ---- the whole entity body ----
 #define KEL_ENTITY(Class, QualifiedName, LIST)                                             \

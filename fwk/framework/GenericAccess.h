@@ -77,8 +77,8 @@ T strepToValue(std::string_view text) {
 // name of the entity it watches, anything else by its text form.
 template <class V>
 std::string memberText(const V& v) {
-  if constexpr (requires { v->notifier(); }) {
-    return v && v->notifier() ? std::string(v->notifier()->name()) : std::string("None");
+  if constexpr (requires { v.notifier(); }) {  // a notifiee: the entity it watches
+    return v.notifier() ? std::string(v.notifier()->name()) : std::string("None");
   } else if constexpr (std::is_same_v<V, ActivityManager*>) {
     return v ? "Kel::ActivityManager" : "None";
   } else {
@@ -108,8 +108,8 @@ GenericIfPtr objectOf(const V& v) {
     } else {
       return nullptr;
     }
-  } else if constexpr (requires { v->notifier(); }) {
-    return v ? objectOf(v->notifier()) : nullptr;
+  } else if constexpr (requires { v.notifier(); }) {
+    return objectOf(v.notifier());
   } else {
     return nullptr;
   }

@@ -18,6 +18,9 @@
 // of up to kSmall nodes (a route's next hops, say) has no index: a lookup walks its few nodes,
 // comparing hashes first. The index is built when the collection outgrows that, and goes
 // when it is emptied.
+// A value type that cannot move (a notifiee, registered with its notifier by address) lives in
+// its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
+// Its destructor must not change the map.
 #pragma once
 
 #include <bit>
@@ -25,6 +28,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -37,19 +42,39 @@ class HashMap {
   static constexpr std::uint32_t kNil = 0xffffffffu;
   static constexpr std::size_t kSmall = 8;
 
+  // Values that cannot be moved are built in place; such a value exists exactly while its node
+  // is live.
+  static constexpr bool kInPlace = !std::is_move_assignable_v<V>;
+  struct Held {
+    V v{};
+    V& get() { return v; }
+  };
+  struct Built {
+    alignas(V) unsigned char raw[sizeof(V)];
+    V& get() { return *std::launder(reinterpret_cast<V*>(raw)); }
+  };
+
   struct Node {
     K key{};
-    V value{};
+    std::conditional_t<kInPlace, Built, Held> cell;
     std::uint32_t prev = kNil;
     std::uint32_t next = kNil;  // order list; the free list for unused nodes
     std::uint32_t hash = 0;
     bool live = false;
+    V& value() { return cell.get(); }
   };
 
  public:
   HashMap() = default;
   HashMap(const HashMap&) = delete;
   HashMap& operator=(const HashMap&) = delete;
+  ~HashMap() {
+    if constexpr (kInPlace) {
+      for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+        if (node(i).live) node(i).value().~V();
+      }
+    }
+  }
 
   std::size_t size() const { return live_; }
   bool empty() const { return live_ == 0; }
@@ -64,29 +89,51 @@ class HashMap {
 
   const V* find(const K& k) const {
     const std::uint32_t i = lookup(k, mix(k));
-    return i != kNil && node(i).live ? &node(i).value : nullptr;
+    return i != kNil && node(i).live ? &node(i).value() : nullptr;
   }
   V* find(const K& k) {
     const std::uint32_t i = lookup(k, mix(k));
-    return i != kNil && node(i).live ? &node(i).value : nullptr;
+    return i != kNil && node(i).live ? &node(i).value() : nullptr;
   }
   bool contains(const K& k) const { return find(k) != nullptr; }
 
   // Inserts or assigns; returns the stored value and whether the key is new.
-  std::pair<V*, bool> insert(const K& k, V v) {
+  std::pair<V*, bool> insert(const K& k, V v) requires(!kInPlace) {
     auto [i, fresh] = locate(k);
     Node& n = node(i);
-    n.value = std::move(v);
-    return {&n.value, revive(n, fresh)};
+    n.value() = std::move(v);
+    return {&n.value(), revive(n, fresh)};
+  }
+
+  // Builds V(args...) in k's node, in place of the value k held (which is destroyed first);
+  // returns the new value and whether the key is new. When the constructor throws, k is absent.
+  template <class... A>
+  std::pair<V*, bool> emplace(const K& k, A&&... args) requires kInPlace {
+    auto [i, fresh] = locate(k);
+    Node& n = node(i);
+    const bool added = !n.live;
+    // k becomes a tombstone first: whatever the destructor or the constructor does or throws,
+    // the map stays consistent.
+    if (n.live) {
+      n.live = false;
+      --live_;
+      ++dead_;
+      n.value().~V();
+    } else if (fresh) {
+      ++dead_;
+    }
+    ::new (static_cast<void*>(n.cell.raw)) V(std::forward<A>(args)...);
+    revive(n, false);
+    return {&n.value(), added};
   }
 
   // Stores v at k with one probe of the index; false, and nothing changed, when k already held
   // an equal value. (The mutators' "no notification when unchanged" rule.)
-  bool assign(const K& k, const V& v) {
+  bool assign(const K& k, const V& v) requires(!kInPlace) {
     auto [i, fresh] = locate(k);
     Node& n = node(i);
-    if (n.live && n.value == v) return false;
-    n.value = v;
+    if (n.live && n.value() == v) return false;
+    n.value() = v;
     revive(n, fresh);
     return true;
   }
@@ -97,12 +144,16 @@ class HashMap {
     if (i == kNil || !node(i).live) return false;
     Node& n = node(i);
     n.live = false;
-    [[maybe_unused]] V old = std::move(n.value);  // released once the map is consistent
-    n.value = V{};
     --live_;
     ++dead_;
-    if (iterators_ == 0) trimHead();
-    maybePurge();
+    if constexpr (kInPlace) {
+      n.value().~V();
+      settle();
+    } else {
+      [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
+      n.value() = V{};
+      settle();
+    }
     return true;
   }
 
@@ -111,7 +162,11 @@ class HashMap {
       Node& n = node(i);
       if (!n.live) continue;
       n.live = false;
-      n.value = V{};
+      if constexpr (kInPlace) {
+        n.value().~V();
+      } else {
+        n.value() = V{};
+      }
       --live_;
       ++dead_;
     }
@@ -139,14 +194,14 @@ class HashMap {
     explicit operator bool() const { return node_ != nullptr; }
     bool atEnd() const { return node_ == nullptr; }
     const K& key() const { return node_->key; }
-    V& value() const { return node_->value; }
+    V& value() const { return node_->value(); }
     Iterator& operator++() {
       node_ = map_->firstLive(node_ ? node_->next : kNil);
       return *this;
     }
 
     // Range-for support.
-    std::pair<const K&, V&> operator*() const { return {node_->key, node_->value}; }
+    std::pair<const K&, V&> operator*() const { return {node_->key, node_->value()}; }
     bool operator!=(const Iterator& o) const { return node_ != o.node_; }
 
    private:
@@ -196,7 +251,11 @@ class HashMap {
     if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
-    return &n->value;
+    if constexpr (kInPlace) {
+      return reinterpret_cast<const V*>(n->cell.raw);
+    } else {
+      return &n->cell.v;
+    }
   }
   // The key of the live member `n` places after the first in order (0: the first), or null
   // when there are not that many; walks n + 1 members.
@@ -366,6 +425,11 @@ class HashMap {
     slots_.reset();
     slotCount_ = 0;
     head_ = tail_ = free_ = kNil;
+  }
+  // After an erase: tombstones at the front go at once, the others when they pile up.
+  void settle() {
+    if (iterators_ == 0) trimHead();
+    maybePurge();
   }
   void maybePurge() {
     if (dead_ > 32 && dead_ > live_) purge();

@@ -50,6 +50,14 @@ class NotifieeBase {
     collector_ = c;
     return old;
   }
+  // No collector while it lives (notifiees made for a collection are not the reactor's own).
+  struct CollectorPause {
+    CollectorPause() : old(collectorIs(nullptr)) {}
+    ~CollectorPause() { collectorIs(old); }
+    CollectorPause(const CollectorPause&) = delete;
+    CollectorPause& operator=(const CollectorPause&) = delete;
+    std::vector<NotifieeBase*>* old;
+  };
 
  protected:
   // Unregisters from the previous notifier, then registers with n (null: watches nothing).

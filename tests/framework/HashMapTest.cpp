@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <stdexcept>
 #include <vector>
 
 #include "fwk/framework/HashMap.h"
@@ -137,6 +138,53 @@ TEST(HashMap, ErasingReleasesTheValueAtOnce) {
   auto it = m.begin();  // a live walk keeps the tombstone but not the value
   m.erase(1);
   EXPECT_EQ(shared.use_count(), 1);
+}
+
+// A value that must not move: it knows its own address, and counts the live ones.
+struct Pinned {
+  static inline int live = 0;
+  Pinned(int v, bool fail) : value(v), self(this) {
+    if (fail) throw std::runtime_error("refused");
+    ++live;
+  }
+  Pinned(const Pinned&) = delete;
+  Pinned& operator=(const Pinned&) = delete;
+  ~Pinned() { --live; }
+  int value;
+  const Pinned* self;
+};
+
+TEST(HashMap, ValuesThatCannotMoveAreBuiltAndDestroyedInTheirNodes) {
+  {
+    Kel::HashMap<int, Pinned> m;
+    Pinned* first = m.emplace(0, 100, false).first;
+    for (int k = 1; k < 100; ++k) EXPECT_TRUE(m.emplace(k, k, false).second);
+    EXPECT_EQ(m.find(0), first) << "growing the index moves no value";
+    EXPECT_EQ(Pinned::live, 100);
+
+    auto [again, added] = m.emplace(5, 55, false);
+    EXPECT_FALSE(added);
+    EXPECT_EQ(again->value, 55);
+    EXPECT_EQ(Pinned::live, 100) << "the value replaced is destroyed";
+
+    auto walk = m.begin();  // a live walk keeps tombstones, not values
+    EXPECT_TRUE(m.erase(7));
+    EXPECT_EQ(Pinned::live, 99);
+    EXPECT_THROW(m.emplace(8, 0, true), std::runtime_error);
+    EXPECT_EQ(Pinned::live, 98) << "a failed replacement leaves the key absent";
+    EXPECT_FALSE(m.find(8));
+    EXPECT_THROW(m.emplace(1000, 0, true), std::runtime_error);
+    EXPECT_FALSE(m.find(1000));
+    EXPECT_EQ(m.size(), 98u);
+    EXPECT_TRUE(m.emplace(1000, 1, false).second);
+    for (auto [k, v] : m) EXPECT_EQ(v.self, &v) << k;
+    walk = {};
+    m.clear();
+    EXPECT_EQ(Pinned::live, 0);
+    m.emplace(1, 1, false);
+    m.emplace(2, 2, false);
+  }
+  EXPECT_EQ(Pinned::live, 0) << "the map's end destroys its values";
 }
 
 }  // namespace
