@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,9 @@ struct AttributeInfo {
 
 class Entity : public PtrInterface, public NotifierBase {
  public:
-  const Name& name() const { return name_; }
+  // Its name: the text it was made with or, for an entity named by its key (made with
+  // kNamedByKey: a route, one of a million), its key's text, made when asked.
+  Name name() const { return text_ ? Name(*text_) : kelKeyName(); }
   // Kept by the framework for the state database's lifecycle; the module's logic ignores it. A
   // change is reported to the notifiees as LifeEvent::isNondestructing.
   bool isNondestructing() const { return isNondestructing_; }
@@ -51,14 +54,21 @@ class Entity : public PtrInterface, public NotifierBase {
   static long liveCount() { return live_; }
 
  protected:
-  explicit Entity(Name name) : name_(std::move(name)) { ++live_; }
+  explicit Entity(Name name)
+      : text_(name.empty() ? nullptr : std::make_unique<const std::string>(name.string())) {
+    ++live_;
+  }
+  enum NamedByKey { kNamedByKey };
+  explicit Entity(NamedByKey) { ++live_; }
+  // The name of an entity made with kNamedByKey; such a type overrides it.
+  virtual Name kelKeyName() const { return Name(); }
   void kelLifeEventIs(LifeEvent e) const {
     deliver<NotifieeBase>([e](NotifieeBase& n) { n.kelLifeEvent(e); });
   }
   ~Entity() override { --live_; }
 
  private:
-  Name name_;
+  std::unique_ptr<const std::string> text_;  // null: no name, or named by its key
   bool isNondestructing_ = false;
   static inline long live_ = 0;
 };

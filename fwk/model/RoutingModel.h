@@ -55,7 +55,10 @@ class RouteT : public Kel::Entity {
   KEL_ENTITY(RouteT, familyName<AddrT>("Routing::Route", "Routing6::Route"), KEL_ATTRS_RoutingRoute)
 #undef KEL_ATTRS_RoutingRoute
 
-  explicit RouteT(const Key& k) : Kel::Entity(k.toString()) { kelInputsIs(k); }
+  explicit RouteT(const Key& k) : Kel::Entity(kNamedByKey) { kelInputsIs(k); }
+
+ protected:
+  Kel::Name kelKeyName() const override { return key().toString(); }
 };
 
 template <class KeyT, class AddrT>
