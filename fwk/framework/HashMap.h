@@ -31,7 +31,6 @@
 #include <new>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "fwk/framework/Prefetch.h"
 
@@ -274,12 +273,14 @@ class HashMap {
     h ^= h >> 33;
     return static_cast<std::uint32_t>(h);
   }
-  // Block b holds 2^b nodes, indexes [2^b - 1, 2^(b+1) - 1): a collection of one member (a
-  // route's one next hop) holds one node, and a million members take twenty blocks.
+  // Block b holds 2^b nodes, indexes [2^b - 1, 2^(b+1) - 1): a million members take twenty
+  // blocks. Block 0, one node, is inside the map: a collection of one member (a route's one next
+  // hop) allocates nothing.
   static unsigned blockOf(std::uint32_t i) { return std::bit_width(i + 1u) - 1; }
   Node& node(std::uint32_t i) const {
+    if (i == 0) return first_;
     const unsigned b = blockOf(i);
-    return blocks_[b][i + 1u - (1u << b)];
+    return more_[b - 1][i + 1u - (1u << b)];
   }
 
   // The node of k, made (and linked at the back, not yet live) when the index has none.
@@ -367,10 +368,16 @@ class HashMap {
 
   std::uint32_t allocate() {
     if (free_ == kNil) {
-      const auto b = static_cast<std::uint32_t>(blocks_.size());
+      const std::uint32_t b = blocks_;
       const std::uint32_t base = (1u << b) - 1u;
       const std::uint32_t count = 1u << b;
-      blocks_.push_back(std::make_unique<Node[]>(count));
+      if (b > 0) {  // the array of block pointers is sized exactly; it grows about twenty times
+        auto grown = std::make_unique<std::unique_ptr<Node[]>[]>(b);
+        for (std::uint32_t j = 0; j + 1 < b; ++j) grown[j] = std::move(more_[j]);
+        grown[b - 1] = std::make_unique<Node[]>(count);
+        more_ = std::move(grown);
+      }
+      ++blocks_;
       for (std::uint32_t j = count; j-- > 0;) {
         node(base + j).next = free_;
         free_ = base + j;
@@ -421,7 +428,8 @@ class HashMap {
   // An empty collection gives its storage back: a backlog that held a million keys for one
   // drain does not keep their nodes.
   void release() {
-    blocks_.clear();
+    more_.reset();
+    blocks_ = 0;
     slots_.reset();
     slotCount_ = 0;
     head_ = tail_ = free_ = kNil;
@@ -441,9 +449,10 @@ class HashMap {
     self->maybePurge();
   }
 
-  std::vector<std::unique_ptr<Node[]>> blocks_;
-  // 32-bit counts (node indexes are 32-bit anyway) keep the map at 64 bytes: every route of
-  // the state database holds one for its next hops.
+  // Every route of the state database holds a map for its next hops: the first node inside, the
+  // other blocks behind one pointer, and 32-bit counts (node indexes are 32-bit anyway).
+  mutable Node first_;
+  std::unique_ptr<std::unique_ptr<Node[]>[]> more_;  // block b at more_[b - 1]
   std::unique_ptr<std::uint64_t[]> slots_;
   std::uint32_t slotCount_ = 0;  // a power of two, or 0 while the collection is small
   std::uint32_t head_ = kNil;
@@ -453,6 +462,7 @@ class HashMap {
   std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
   mutable std::uint32_t iterators_ = 0;
+  std::uint8_t blocks_ = 0;  // blocks made, the first node's included
 };
 
 }  // namespace Kel
