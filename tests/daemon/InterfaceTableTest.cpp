@@ -229,15 +229,11 @@ TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
 }
 
-}  // namespace
-
-namespace {
 void delLinkNamed(unsigned long index, const char* name) {
   if_conf_open(fwk_task, 0);
   if_conf_dellink(fwk_task, index, name);
   if_conf_close(fwk_task, 1);
 }
-}  // namespace
 
 TEST_F(InterfaceTable, DellinkByANameTheLinkHeldBeforeARefreshRemovesNothing) {
   // eth0 has index 2; the loopback takes the index over (a refresh under its own name) before
@@ -264,3 +260,5 @@ TEST_F(InterfaceTable, DellinkByANameTheLinkHeldBeforeARefreshRemovesNothing) {
   delLinkNamed(2, "eth0");
   EXPECT_EQ(corvd_misuse_count(), 3u);
 }
+
+}  // namespace

@@ -75,10 +75,11 @@ void IntfWorld::deviceMac(const std::string& name, const std::string& mac) {
   kernel_->interfaceByName(name)->macAddrIs(Kanet::EthAddr::fromString(mac));
 }
 
-void IntfWorld::status(const std::string& intfId, const std::string& deviceName,
-                       std::uint16_t mtu) {
+void IntfWorld::status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu,
+                       std::uint32_t ifIndex) {
   auto s = Kel::make<Interface::IntfStatus>(Kanet::IntfId(intfId));
   s->deviceNameIs(deviceName);
+  if (ifIndex) s->ifIndexIs(ifIndex);
   s->mtuIs(mtu);
   s->operStatusIs(Interface::IntfOperStatus::intfOperUp);
   all_->intfStatusIs(Kanet::IntfId(intfId), s);

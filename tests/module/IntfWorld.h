@@ -39,8 +39,9 @@ class IntfWorld : public ModuleWorld {
   void deviceDel(const std::string& name);
   void deviceFlags(const std::string& name, std::uint32_t flags);
   void deviceMac(const std::string& name, const std::string& mac);
-  // Interface status.
-  void status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu = 1500);
+  // Interface status, oper up (with the device's ifIndex when given).
+  void status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu = 1500,
+              std::uint32_t ifIndex = 0);
   void statusDel(const std::string& intfId);
   void mtu(const std::string& intfId, std::uint16_t mtu);
   void oper(const std::string& intfId, bool up);
