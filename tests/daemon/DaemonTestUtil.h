@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "fwk/daemon/corvd.h"
@@ -37,6 +38,19 @@ inline if_addr* addAddr(unsigned long index, sockaddr_un* local, int len,
 inline void delAddr(unsigned long index, sockaddr_un* local) { corvd_host_addr_del(index, local); }
 
 inline void delLink(unsigned long index) { corvd_host_link_del(index); }
+
+// A route request for dest/len of gateway `gw` at preference `pref`, through `vias` (none: a
+// blackhole).
+inline rt_parms routeParms(gw_entry* gw, sockaddr_un* dest, int len, int pref = 0,
+                           std::initializer_list<sockaddr_un*> vias = {}) {
+  rt_parms rtp{};
+  rtp.rtp_dest = dest;
+  rtp.rtp_dest_mask = sock_mask_by_len(dest->sa_family, len);
+  rtp.rtp_gwp = gw;
+  rtp.rtp_preference = pref;
+  for (sockaddr_un* via : vias) rtp.rtp_routers[rtp.rtp_n_gw++] = via;
+  return rtp;
+}
 
 inline std::string misuseText() {
   std::string out;

@@ -105,13 +105,7 @@ TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
   if_addr* a2 = addAddr(2, in4("10.0.2.1"), 24);
   gw_entry* proto = gw_init(nullptr, 7, fwk_task, 0, 0, nullptr, 0x800);
   auto add = [&](sockaddr_un* via, if_addr* ifap, int pref) {
-    rt_parms rtp{};
-    rtp.rtp_dest = in4("172.16.0.0");
-    rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 16);
-    rtp.rtp_gwp = proto;
-    rtp.rtp_preference = pref;
-    rtp.rtp_n_gw = 1;
-    rtp.rtp_routers[0] = via;
+    rt_parms rtp = routeParms(proto, in4("172.16.0.0"), 16, pref, {via});
     if_addr* ifaps[RT_N_MULTIPATH] = {ifap};
     return rt_add(&rtp, ifaps);
   };
@@ -235,15 +229,11 @@ TEST_F(InterfaceTable, RandomAddressChurnResolvesLikeLinearScan) {
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
 }
 
-}  // namespace
-
-namespace {
 void delLinkNamed(unsigned long index, const char* name) {
   if_conf_open(fwk_task, 0);
   if_conf_dellink(fwk_task, index, name);
   if_conf_close(fwk_task, 1);
 }
-}  // namespace
 
 TEST_F(InterfaceTable, DellinkByANameTheLinkHeldBeforeARefreshRemovesNothing) {
   // eth0 has index 2; the loopback takes the index over (a refresh under its own name) before
@@ -270,3 +260,5 @@ TEST_F(InterfaceTable, DellinkByANameTheLinkHeldBeforeARefreshRemovesNothing) {
   delLinkNamed(2, "eth0");
   EXPECT_EQ(corvd_misuse_count(), 3u);
 }
+
+}  // namespace

@@ -1,5 +1,5 @@
-// The daemon reports misuse instead of hiding it: brackets, recycled temporaries, entries and
-// gateways used after they are gone, and requests holding temporaries.
+// The daemon reports misuse instead of hiding it: brackets, recycled temporaries and requests
+// holding temporaries (entries and gateways used after they are gone: RecordReclaimTest.cpp).
 #include "DaemonTestUtil.h"
 
 namespace {
@@ -16,10 +16,7 @@ TEST_F(Misuse, UnbalancedAndNestedBracketsAndChangesOutsideThemAreCounted) {
   EXPECT_EQ(corvd_misuse_count(), 3u);
   EXPECT_EQ(if_conf_addlink(fwk_task, nullptr, 1, IFS_UP, 0, 1500, "e", 1, nullptr), nullptr);
   gw_entry* gw = gw_init(nullptr, 1, fwk_task, 0, 0, nullptr, 0);
-  rt_parms rtp{};
-  rtp.rtp_dest = in4("10.0.0.0");
-  rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 8);
-  rtp.rtp_gwp = gw;
+  rt_parms rtp = routeParms(gw, in4("10.0.0.0"), 8);
   EXPECT_EQ(rt_add(&rtp, nullptr), nullptr);
   EXPECT_EQ(corvd_misuse_count(), 5u) << misuseText();
   EXPECT_EQ(rt_entry_count(), 0u);
@@ -51,34 +48,9 @@ TEST_F(Misuse, RecycledTemporaryIsRefusedAndOnlySockdupLasts) {
   EXPECT_EQ(corvd_misuse_count(), 3u) << misuseText();
 }
 
-TEST_F(Misuse, EntryUsedAfterDeleteAndGatewayFreedTwiceAreCaught) {
-  gw_entry* gw = gw_init(nullptr, 3, fwk_task, 0, 0, nullptr, 0);
-  rt_parms rtp{};
-  rtp.rtp_dest = in4("10.0.0.0");
-  rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 8);
-  rtp.rtp_gwp = gw;
-  rt_open(fwk_task);
-  rt_entry* rt = rt_add(&rtp, nullptr);
-  ASSERT_NE(rt, nullptr);
-  rt_delete(rt);
-  rt_delete(rt);
-  rt_change_parms rtcp{5, 0, nullptr, nullptr};
-  EXPECT_EQ(rt_change_s(rt, &rtcp), nullptr);
-  EXPECT_EQ(corvd_misuse_count(), 2u) << misuseText();
-  gw_free(gw);
-  gw_free(gw);
-  EXPECT_EQ(rt_add(&rtp, nullptr), nullptr);  // freed gateway
-  rt_close(fwk_task, 0, 1, 0);
-  EXPECT_EQ(corvd_misuse_count(), 4u) << misuseText();
-}
-
 TEST_F(Misuse, InjectedFailuresChangeNothing) {
   gw_entry* gw = gw_init(nullptr, 3, fwk_task, 0, 0, nullptr, 0);
-  rt_parms rtp{};
-  rtp.rtp_dest = in4("10.0.0.0");
-  rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 8);
-  rtp.rtp_gwp = gw;
-  rtp.rtp_preference = 9;
+  rt_parms rtp = routeParms(gw, in4("10.0.0.0"), 8, 9);
   rt_open(fwk_task);
   corvd_fail_rt_add(1);
   EXPECT_EQ(rt_add(&rtp, nullptr), nullptr);

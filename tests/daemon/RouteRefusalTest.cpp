@@ -11,33 +11,22 @@ namespace {
 
 class RouteRefusal : public DaemonTest {};
 
-rt_parms parmsFor(gw_entry* gw, const char* dest, int len) {
-  rt_parms rtp{};
-  rtp.rtp_dest = in4(dest);
-  rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, len);
-  rtp.rtp_gwp = gw;
-  rtp.rtp_preference = 20;
-  return rtp;
-}
-
 TEST_F(RouteRefusal, SameGatewayAndGatewaySetAgainIsRefusedByResultOnly) {
   addLink(1, "et1", true);
   addAddr(1, in4("10.0.1.1"), 24);
   gw_entry* gw = gw_init(nullptr, 8, fwk_task, 0, 0, nullptr, 0x800);
   gw_entry* other = gw_init(nullptr, 9, fwk_task, 0, 0, nullptr, 0x800);
   rt_open(fwk_task);
-  rt_parms hole = parmsFor(gw, "203.0.113.0", 24);
+  rt_parms hole = routeParms(gw, in4("203.0.113.0"), 24, 20);
   rt_entry* first = rt_add(&hole, nullptr);
   ASSERT_NE(first, nullptr);
-  hole = parmsFor(gw, "203.0.113.0", 24);
+  hole = routeParms(gw, in4("203.0.113.0"), 24, 20);
   EXPECT_EQ(rt_add(&hole, nullptr), nullptr);  // the blackhole again
-  hole = parmsFor(other, "203.0.113.0", 24);
+  hole = routeParms(other, in4("203.0.113.0"), 24, 20);
   EXPECT_NE(rt_add(&hole, nullptr), nullptr);  // another gateway's blackhole is a new entry
 
   // An entry of the same gateway through 10.0.1.2; changing it to a blackhole is refused.
-  rt_parms via = parmsFor(gw, "203.0.113.0", 24);
-  via.rtp_n_gw = 1;
-  via.rtp_routers[0] = in4("10.0.1.2");
+  rt_parms via = routeParms(gw, in4("203.0.113.0"), 24, 20, {in4("10.0.1.2")});
   if_addr* ifaps[1] = {if_withdst(via.rtp_routers[0])};
   rt_entry* second = rt_add(&via, ifaps);
   ASSERT_NE(second, nullptr);
@@ -71,11 +60,7 @@ void drain(gw_entry* gw, const std::string& prefix, const Route& r) {
       rt = next;
     }
   } else {
-    rt_parms rtp{};
-    rtp.rtp_dest = &dest;
-    rtp.rtp_dest_mask = mask;
-    rtp.rtp_gwp = gw;
-    rtp.rtp_preference = 20;
+    rt_parms rtp = routeParms(gw, &dest, 24, 20);
     if_addr* ifaps[RT_N_MULTIPATH] = {};
     sockaddr_un hops[RT_N_MULTIPATH];
     bool resolved = true;

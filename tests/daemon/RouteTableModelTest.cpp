@@ -237,10 +237,6 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
   EXPECT_EQ(corvd_misuse_count(), misuses);
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
   gw_entry* gw = gw_init(nullptr, 10, fwk_task, 0, 0, nullptr, 0);
   auto add = [&](int p, int pref) {

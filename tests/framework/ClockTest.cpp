@@ -195,10 +195,6 @@ TEST_F(ClockTest, ClocksLiveWhileWatchedAndResetRestoresRealTime) {
   EXPECT_GE(Kel::now(), t0);
 }
 
-}  // namespace
-
-namespace {
-
 // Two activity managers, one per world: each has its own time and clocks; switching the current
 // one decides what Kel::now() reads and where new clocks go, and never fires the other's clocks.
 TEST(ActivityManagerSwitch, EachWorldRunsItsOwnLoopAndTime) {

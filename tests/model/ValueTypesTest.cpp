@@ -10,12 +10,10 @@
 #include <string_view>
 #include <vector>
 
-#include "fwk/IntfBackLogEntry.h"
 #include "fwk/model/KanetIntfId.h"
 #include "fwk/model/KanetIpAddr.h"
 #include "fwk/model/KanetNames.h"
 #include "fwk/model/RouteKey.h"
-#include "fwk/model/RoutingModel.h"
 #include "tests/support/ErrorText.h"
 
 namespace {
@@ -79,6 +77,12 @@ TEST(Ip6Addr, TextIsInetNtopTextAndParsesBackOnRandomAddresses) {
   }
   EXPECT_EQ(Kanet::ip6AddrLoopback.toString(), ntop6(Kanet::ip6AddrLoopback));
   EXPECT_EQ(Kanet::ip6AddrLoopback, Ip6Addr::fromString("::1"));
+  // Link-local is fe80::/10 exactly.
+  for (const char* a : {"fe80::1", "febf:ffff::1"})
+    EXPECT_TRUE(Ip6Addr::fromString(a).isLinkLocal());
+  for (const char* a : {"fe7f::1", "fec0::1", "7e80::1"}) {
+    EXPECT_FALSE(Ip6Addr::fromString(a).isLinkLocal()) << a;
+  }
 }
 
 TEST(AddressParsers, AgreeWithInetPtonOnMangledTexts) {
@@ -300,21 +304,6 @@ TEST(IntfId, IdsOfOneTextAreEqualAndTheTextGoesWithTheLastId) {
   }
   EXPECT_EQ(IntfId::textCount(), before);
   EXPECT_EQ(IntfId("Ethernet7").toString(), "Ethernet7");  // held again after going
-}
-
-TEST(ModelUsers, RouteInputAndBacklogEntryAreKeyedByTheValueTypes) {
-  auto input = Kel::make<Routing6::RouteInput>("bgp");
-  const auto key = Routing6::RouteKey::fromString("2001:db8::/32");
-  auto route = input->routeNew(key);
-  route->viaIs({Kanet::IntfId("Ethernet1"), Ip6Addr::fromString("fe80::1")}, true);
-  EXPECT_EQ(route->name().string(), "2001:db8::/32");
-  EXPECT_EQ(input->route(Routing6::RouteKey::fromString("2001:db8::/32")), route);
-  EXPECT_TRUE(Ip6Addr::fromString("fe80::1").isLinkLocal());
-  EXPECT_FALSE(Ip6Addr::fromString("fec0::1").isLinkLocal());
-
-  auto entry = Kel::make<InterfaceRouteInfo::IntfBackLogEntry>(Kanet::IntfId("Ethernet1"));
-  EXPECT_EQ(entry->key(), Kanet::IntfId("Ethernet1"));
-  EXPECT_FALSE(entry->flapInterface() || entry->needClean());
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "fwk/daemon/corvd.h"
+#include "tests/support/ModuleWorld.h"
 
 namespace IntfTest::Convergence {
 
@@ -44,12 +45,6 @@ inline bool covers(const Bytes& net, int len, const Bytes& a) {
   return true;
 }
 
-inline std::string text(const sockaddr_un* a) {
-  char buf[96];
-  sockaddr_format(a, buf, sizeof buf);
-  return buf;
-}
-
 // The daemon's interface addresses, per link in the link's order.
 struct DAddr {
   std::string local, remote;
@@ -66,8 +61,8 @@ struct DLinks {
     std::vector<DAddr>& addrs = self.byIndex[l->ifl_index];
     for (if_addr* a = l->ifl_addr_set.ias_first; a; a = a->ifa_next) {
       DAddr d;
-      d.local = text(a->ifa_info.ifi_addr_local);
-      d.remote = text(a->ifa_info.ifi_addr_remote);
+      d.local = sockText(a->ifa_info.ifi_addr_local);
+      d.remote = sockText(a->ifa_info.ifi_addr_remote);
       std::tie(d.bytes, d.v6) = parse(d.local);
       d.len = sock_mask_len(a->ifa_info.ifi_netmask);
       d.up = (a->ifa_info.ifi_state & IFS_UP) != 0;
@@ -111,11 +106,11 @@ inline Routes daemonRoutes() {
           Entry e{rt->rt_preference, {}};
           for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
             const if_addr* a = rt->rt_adj.adj_ifaps[j];
-            e.gws.push_back(text(rt->rt_adj.adj_routers[j]) + " " +
+            e.gws.push_back(sockText(rt->rt_adj.adj_routers[j]) + " " +
                             (a ? a->ifa_info.ifi_link->ifl_name : "-"));
           }
-          (*static_cast<Routes*>(
-              arg))[{rt->rt_gwp->gw_proto, text(&h->rth_dest) + "/" + std::to_string(h->rth_plen)}]
+          (*static_cast<Routes*>(arg))[{rt->rt_gwp->gw_proto,
+                                        sockText(&h->rth_dest) + "/" + std::to_string(h->rth_plen)}]
               .push_back(e);
         }
       },

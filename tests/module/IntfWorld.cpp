@@ -2,18 +2,9 @@
 
 #include <sstream>
 
-#include "fwk/framework/Dir.h"
-#include "tests/support/ModuleWorld.h"
-
 namespace IntfTest {
 
 namespace {
-
-std::string text(const sockaddr_un* a) {
-  char buf[96];
-  sockaddr_format(a, buf, sizeof buf);
-  return buf;
-}
 
 std::string linkKey(unsigned long index, const std::string& name, unsigned mtu, unsigned state,
                     const std::string& ll) {
@@ -25,9 +16,9 @@ std::string linkKey(unsigned long index, const std::string& name, unsigned mtu, 
 void collectLink(if_link* l, void* arg) {
   auto& table = *static_cast<Table*>(arg);
   std::set<std::string>& addrs =
-      table[linkKey(l->ifl_index, l->ifl_name, l->ifl_mtu, l->ifl_state, text(l->ifl_lladdr))];
+      table[linkKey(l->ifl_index, l->ifl_name, l->ifl_mtu, l->ifl_state, sockText(l->ifl_lladdr))];
   for (if_addr* a = l->ifl_addr_set.ias_first; a; a = a->ifa_next) {
-    addrs.insert(text(a->ifa_info.ifi_addr_local) + "/" +
+    addrs.insert(sockText(a->ifa_info.ifi_addr_local) + "/" +
                  std::to_string(sock_mask_len(a->ifa_info.ifi_netmask)));
   }
 }
@@ -59,46 +50,13 @@ void OverlapObserver::onChange(task* tp, if_addr*) {
     static void link(if_link* l, void* arg) {
       auto& w = *static_cast<Walk*>(arg);
       for (if_addr* a = l->ifl_addr_set.ias_first; a; a = a->ifa_next) {
-        auto [it, fresh] = w.seen.emplace(text(a->ifa_info.ifi_addr_local), l->ifl_index);
+        auto [it, fresh] = w.seen.emplace(sockText(a->ifa_info.ifi_addr_local), l->ifl_index);
         if (!fresh && it->second != l->ifl_index) ++w.overlaps;
       }
     }
   } walk;
   if_link_walk(&Walk::link, &walk);
   self.overlaps_ += walk.overlaps;
-}
-
-void IntfWorld::SetUp() {
-  corvd_reset();
-  Kel::activityManager()->reset();
-  Kel::activityManager()->manualTimeIs(100.0);
-  Kel::traceSinkIs(&rec_);
-  Kel::traceConfigIs("InterfaceRouteInfo/0-9");
-  all_ = Kel::make<Interface::AllIntfStatusDir>("all");
-  local_ = Kel::make<Interface::AllIntfStatusLocalDir>("local");
-  kernel_ = local_->kernelNetworkInfoNew(Kanet::NamespaceName());
-  ipStatus_ = Kel::make<Ip::Status>("ip");
-  ip6Status_ = Kel::make<Ip6::Status>("ip6");
-  config_ = Kel::make<Routing::Config>("routing");
-  config6_ = Kel::make<Routing6::Config>("routing6");
-  config_->routeInputDirIs(Kel::make<Kel::Dir>("routeInput"));
-  config6_->routeInputDirIs(Kel::make<Kel::Dir>("route6Input"));
-}
-
-void IntfWorld::TearDown() { endModuleWorld(root_); }
-
-void IntfWorld::start(const char* vrf) {
-  vrf_ = vrf;
-  const bool isDefault = vrf_ == "default";
-  root_ = rootFactory(Kel::Name(std::string("root-") + vrf));
-  root_->vrfNameIs(Ip::VrfName(vrf));
-  root_->allIntfStatusDirIs(all_);
-  root_->allIntfStatusLocalDirIs(local_);
-  root_->ipStatusIs(ipStatus_);
-  if (isDefault) root_->ip6StatusIs(ip6Status_);
-  root_->routingConfigIs(config_);
-  if (isDefault) root_->routing6ConfigIs(config6_);
-  root_->initializedIs(true);
 }
 
 void IntfWorld::device(const std::string& name, std::uint32_t ifIndex, std::uint32_t flags,
@@ -117,10 +75,11 @@ void IntfWorld::deviceMac(const std::string& name, const std::string& mac) {
   kernel_->interfaceByName(name)->macAddrIs(Kanet::EthAddr::fromString(mac));
 }
 
-void IntfWorld::status(const std::string& intfId, const std::string& deviceName,
-                       std::uint16_t mtu) {
+void IntfWorld::status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu,
+                       std::uint32_t ifIndex) {
   auto s = Kel::make<Interface::IntfStatus>(Kanet::IntfId(intfId));
   s->deviceNameIs(deviceName);
+  if (ifIndex) s->ifIndexIs(ifIndex);
   s->mtuIs(mtu);
   s->operStatusIs(Interface::IntfOperStatus::intfOperUp);
   all_->intfStatusIs(Kanet::IntfId(intfId), s);

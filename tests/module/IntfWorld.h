@@ -1,6 +1,6 @@
 // A small world for interface mirroring tests: the state database's interface side (kernel
 // devices of the namespace, interface status, IPv4 status per VRF, IPv6 status) published as the
-// agents publish it, a started Root on manual time, and the daemon's interface table read back.
+// agents publish it, and the daemon's interface table read back.
 // reference() is what the daemon's interface table must hold once the module is quiescent,
 // computed from the published state by the rules of interface mirroring, independently of the
 // module's code: a link for every interface that is local (status and kernel device present)
@@ -16,10 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
-#include "fwk/framework/ActivityManager.h"
-#include "fwk/framework/Trace.h"
 #include "tests/support/ModuleWorld.h"
 
 namespace IntfTest {
@@ -34,14 +30,8 @@ constexpr std::uint32_t kRunning = 0x40;
 // ("10.0.0.1/24", "2001:db8::1/64").
 using Table = std::map<std::string, std::set<std::string>>;
 
-class IntfWorld : public ::testing::Test {
+class IntfWorld : public ModuleWorld {
  protected:
-  void SetUp() override;
-  void TearDown() override;
-
-  // Starts a Root serving `vrf` (IPv6 status and routing only in "default").
-  void start(const char* vrf = "default");
-
   // Kernel devices. device() makes a new device entity (a re-created device when the name is in
   // use); flags and MAC change in place.
   void device(const std::string& name, std::uint32_t ifIndex, std::uint32_t flags = kUp | kRunning,
@@ -49,8 +39,9 @@ class IntfWorld : public ::testing::Test {
   void deviceDel(const std::string& name);
   void deviceFlags(const std::string& name, std::uint32_t flags);
   void deviceMac(const std::string& name, const std::string& mac);
-  // Interface status.
-  void status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu = 1500);
+  // Interface status, oper up (with the device's ifIndex when given).
+  void status(const std::string& intfId, const std::string& deviceName, std::uint16_t mtu = 1500,
+              std::uint32_t ifIndex = 0);
   void statusDel(const std::string& intfId);
   void mtu(const std::string& intfId, std::uint16_t mtu);
   void oper(const std::string& intfId, bool up);
@@ -68,17 +59,6 @@ class IntfWorld : public ::testing::Test {
 
   static Table daemonTable();
   Table reference() const;
-
-  Kel::Ptr<Interface::AllIntfStatusDir> all_;
-  Kel::Ptr<Interface::AllIntfStatusLocalDir> local_;
-  Kel::Ptr<KernelNetworkInfo::Root> kernel_;
-  Kel::Ptr<Ip::Status> ipStatus_;
-  Kel::Ptr<Ip6::Status> ip6Status_;
-  Kel::Ptr<Routing::Config> config_;
-  Kel::Ptr<Routing6::Config> config6_;
-  Kel::Ptr<Root> root_;
-  std::string vrf_;
-  Kel::TraceRecorder rec_;
 };
 
 // A task that looks at the daemon's interface table at every address report (after every

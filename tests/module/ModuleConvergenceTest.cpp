@@ -41,7 +41,6 @@
 #include <iostream>
 #include <random>
 
-#include "fwk/framework/Dir.h"
 #include "tests/module/ConvergenceFixture.h"
 
 namespace IntfTest {
@@ -63,10 +62,6 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     if (verbose) std::cerr << "=== " << what << std::endl;
   };
   const Family f4{false}, f6{true};
-  auto dir = Kel::make<Kel::Dir>("routeInput");
-  auto dir6 = Kel::make<Kel::Dir>("route6Input");
-  config_->routeInputDirIs(dir);
-  config6_->routeInputDirIs(dir6);
 
   // The interfaces' addresses (address number -> mask length) and their devices' ifIndex.
   std::vector<std::map<int, int>> v4Of(kIntfs), v6Of(kIntfs);
@@ -97,14 +92,6 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     for (auto [a, len] : held) all.push_back(f6.addr(a, len));
     ip6(intfId(i), all);
   };
-  auto addStatus = [&](const std::string& id, const std::string& device, std::uint32_t ifIndex) {
-    auto s = Kel::make<Interface::IntfStatus>(Kanet::IntfId(id));
-    s->deviceNameIs(device);
-    s->ifIndexIs(ifIndex);
-    s->mtuIs(1500);
-    s->operStatusIs(Interface::IntfOperStatus::intfOperUp);
-    all_->intfStatusIs(Kanet::IntfId(id), s);
-  };
   // A random route for prefix k: a blackhole one time in eight, else one or two distinct vias
   // of every kind, but next hops only for a destination inside an address's subnet.
   auto randomRoute = [&](const Family& fam, int k) {
@@ -123,10 +110,10 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
 
   device("lo", 1, kUp | kRunning | 0x8);
   device("sp", 9);
-  addStatus("Spare", "sp", 9);
+  status("Spare", "sp", 1500, 9);
   for (int i = 0; i < kIntfs; ++i) {
     device(dev(i), ifIndexOf[static_cast<size_t>(i)]);
-    addStatus(intfId(i), dev(i), ifIndexOf[static_cast<size_t>(i)]);
+    status(intfId(i), dev(i), 1500, ifIndexOf[static_cast<size_t>(i)]);
   }
   // Every interface starts with one address of each family, with its short mask.
   for (int i = 0; i < kIntfs; ++i) {
@@ -135,8 +122,8 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     publishV4(i);
     publishV6(i);
   }
-  for (auto& in : in4) makeInput(*dir, in, f4);
-  for (auto& in : in6) makeInput(*dir6, in, f6);
+  for (auto& in : in4) makeInput(*dir_, in, f4);
+  for (auto& in : in6) makeInput(*dir6_, in, f6);
   start();
 
   // Since the loop was last run until idle: per family, the addresses that left an interface
@@ -266,7 +253,7 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
         break;
       case 3:  // the interface status goes or comes (never replaced within one burst)
         if (!all_->intfStatus(Kanet::IntfId(intfId(i)))) {
-          if (!goneThisBurst.count(i)) addStatus(intfId(i), dev(i), ifIndexOf[si]);
+          if (!goneThisBurst.count(i)) status(intfId(i), dev(i), 1500, ifIndexOf[si]);
         } else if (pick(3) == 0) {
           statusDel(intfId(i));
           goneThisBurst.insert(i);
@@ -441,10 +428,10 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
           break;
         case 1:
         case 2:
-          routeEvent(in4, *dir, f4);
+          routeEvent(in4, *dir_, f4);
           break;
         default:
-          routeEvent(in6, *dir6, f6);
+          routeEvent(in6, *dir6_, f6);
       }
     }
     if (pick(3) == 0) {
@@ -455,16 +442,16 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     markLostable();
     if (burst >= nextCheck) {
       nextCheck = static_cast<int>(burst) + 12;
-      restore(in4, *dir, f4);
-      restore(in6, *dir6, f6);
+      restore(in4, *dir_, f4);
+      restore(in6, *dir6_, f6);
       checkAll();
       if (HasFatalFailure()) return;
     }
   }
   settle();
   markLostable();
-  restore(in4, *dir, f4);
-  restore(in6, *dir6, f6);
+  restore(in4, *dir_, f4);
+  restore(in6, *dir6_, f6);
   checkAll();
   // The comparisons were of routes held to the exact rule, and of routes set aside too.
   EXPECT_GE(checks, 6u);

@@ -2,7 +2,9 @@
 // declaration order and unique ids; the names of Root and of the IPv6 twins as the model names
 // them (written out here by hand, not derived from the declarations); the introspection flags and
 // their range; the reactors' framework attributes and their delivery switch.
+#include <iterator>
 #include <set>
+#include <sstream>
 
 #include "fwk/Registration.h"
 #include "fwk/framework/GenericAccess.h"
@@ -13,6 +15,12 @@ namespace {
 
 using namespace InterfaceRouteInfo;
 using Flags = Kel::KelAttrIntrospectionFlags;
+
+// The blank-separated words of `text`, in order.
+std::vector<std::string> words(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
 std::vector<std::string> names(const Kel::TypeRecord& t) {
   std::vector<std::string> out;
@@ -48,9 +56,10 @@ concept HasIp6DirName = requires(S& s) {
 const std::vector<std::string> kReactor = {"isNondestructing", "kelFwkActivity",
                                            "hasNotificationActiveIs", "kelDoZombieReactors"};
 
-std::vector<std::string> reactor(std::vector<std::string> declared) {
+// A reactor's attributes: the framework's, then the declared ones.
+std::vector<std::string> reactor(const std::string& declared) {
   std::vector<std::string> out = kReactor;
-  out.insert(out.end(), declared.begin(), declared.end());
+  for (const std::string& w : words(declared)) out.push_back(w);
   return out;
 }
 
@@ -60,29 +69,11 @@ TEST(Registry, EveryTypeOnceInOrderWithItsAttributesInDeclarationOrder) {
   const Kel::NamespaceRecord* ns = Kel::registry().nameSpace("InterfaceRouteInfo");
   ASSERT_TRUE(ns);
   EXPECT_TRUE(ns->closed);
-  const std::vector<std::string> want = {"IpAddrSet",
-                                         "IntfBackLogEntry",
-                                         "IntfBacklog",
-                                         "RouteBacklog",
-                                         "Route6Backlog",
-                                         "UnresolvedRouteBacklog",
-                                         "UnresolvedRoute6Backlog",
-                                         "Root",
-                                         "IntfBacklogSm",
-                                         "IntfStatusSm",
-                                         "IpIntfStatusSm",
-                                         "Ip6IntfStatusSm",
-                                         "VrfIpIntfStatusSm",
-                                         "VrfIp6IntfStatusSm",
-                                         "RouteBacklogSm",
-                                         "Route6BacklogSm",
-                                         "RouteInputSm",
-                                         "Route6InputSm",
-                                         "RouteInputDirSm",
-                                         "Route6InputDirSm",
-                                         "RoutingConfigSm",
-                                         "Routing6ConfigSm",
-                                         "LoopbackSm"};
+  const std::vector<std::string> want = words(
+      "IpAddrSet IntfBackLogEntry IntfBacklog RouteBacklog Route6Backlog UnresolvedRouteBacklog "
+      "UnresolvedRoute6Backlog Root IntfBacklogSm IntfStatusSm IpIntfStatusSm Ip6IntfStatusSm "
+      "VrfIpIntfStatusSm VrfIp6IntfStatusSm RouteBacklogSm Route6BacklogSm RouteInputSm "
+      "Route6InputSm RouteInputDirSm Route6InputDirSm RoutingConfigSm Routing6ConfigSm LoopbackSm");
   std::vector<std::string> have;
   for (const Kel::TypeRecord* t : ns->types) {
     have.push_back(t->name.substr(std::string("InterfaceRouteInfo::").size()));
@@ -115,59 +106,41 @@ TEST(Registry, EveryTypeOnceInOrderWithItsAttributesInDeclarationOrder) {
 }
 
 TEST(Registry, RootAndTheIpv6TwinsCarryTheModelsNames) {
-  EXPECT_EQ(names(type("Root")), (std::vector<std::string>{"isNondestructing",
-                                                           "vrfName",
-                                                           "netNs",
-                                                           "allIntfStatusDir",
-                                                           "allIntfStatusLocalDir",
-                                                           "ipStatus",
-                                                           "ip6Status",
-                                                           "routingConfig",
-                                                           "routing6Config",
-                                                           "intfStatusManager",
-                                                           "kernelIntfStatusDir",
-                                                           "intfBacklog",
-                                                           "intfBacklogSm",
-                                                           "vrfIpIntfStatusSm",
-                                                           "vrfIp6IntfStatusSm",
-                                                           "routingConfigSm",
-                                                           "routing6ConfigSm",
-                                                           "loopbackSm",
-                                                           "handleIfaChange",
-                                                           "initialized",
-                                                           "handleInitialized"}));
-  EXPECT_EQ(
-      names(type("Routing6ConfigSm")),
-      reactor({"routing6Config", "kernelIntfStatusDir", "intfStatusManager", "route6InputDirSm",
-               "initialized", "handleInitialized", "handleRouteInputDir"}));
-  EXPECT_EQ(
-      names(type("Route6InputDirSm")),
-      reactor({"route6InputDir", "kernelIntfStatusDir", "intfStatusManager", "route6InputSm",
-               "initialized", "handleInitialized", "handleRoute6InputDir", "doPrepareToDie"}));
+  EXPECT_EQ(names(type("Root")),
+            words("isNondestructing vrfName netNs allIntfStatusDir allIntfStatusLocalDir ipStatus "
+                  "ip6Status routingConfig routing6Config intfStatusManager kernelIntfStatusDir "
+                  "intfBacklog intfBacklogSm vrfIpIntfStatusSm vrfIp6IntfStatusSm routingConfigSm "
+                  "routing6ConfigSm loopbackSm handleIfaChange initialized handleInitialized"));
+  EXPECT_EQ(names(type("Routing6ConfigSm")),
+            reactor("routing6Config kernelIntfStatusDir intfStatusManager route6InputDirSm "
+                    "initialized handleInitialized handleRouteInputDir"));
+  EXPECT_EQ(names(type("Route6InputDirSm")),
+            reactor("route6InputDir kernelIntfStatusDir intfStatusManager route6InputSm "
+                    "initialized handleInitialized handleRoute6InputDir doPrepareToDie"));
   EXPECT_EQ(names(type("Route6InputSm")),
-            reactor({"name", "route6Input", "kernelIntfStatusDir", "intfStatusManager", "gwp",
-                     "route6Backlog", "unresolvedRoute6Backlog", "route6BacklogSm", "route",
-                     "initialized", "handleInitialized", "handleRoute"}));
-  EXPECT_EQ(names(type("Route6BacklogSm")),
-            reactor({"backlogClock", "route6Backlog", "unresolvedRoute6Backlog", "route6Input",
-                     "gwp", "kernelIntfStatusDir", "intfStatusManager", "backlogScheduled",
-                     "backlogCount", "initialized", "handleInitialized", "handleBacklog",
-                     "doAddBacklog", "doAddRoute", "doDeleteRoute", "doPrepareToDie"}));
+            reactor("name route6Input kernelIntfStatusDir intfStatusManager gwp route6Backlog "
+                    "unresolvedRoute6Backlog route6BacklogSm route initialized handleInitialized "
+                    "handleRoute"));
+  EXPECT_EQ(
+      names(type("Route6BacklogSm")),
+      reactor(
+          "backlogClock route6Backlog unresolvedRoute6Backlog route6Input gwp kernelIntfStatusDir "
+          "intfStatusManager backlogScheduled backlogCount initialized handleInitialized "
+          "handleBacklog doAddBacklog doAddRoute doDeleteRoute doPrepareToDie"));
   EXPECT_EQ(names(type("Route6Backlog")),
-            (std::vector<std::string>{"isNondestructing", "zeroReferencesIs", "backlog",
-                                      "backlogQuantum", "backlogDelay"}));
+            words("isNondestructing zeroReferencesIs backlog backlogQuantum backlogDelay"));
   EXPECT_EQ(names(type("UnresolvedRoute6Backlog")),
-            (std::vector<std::string>{"isNondestructing", "zeroReferencesIs", "backlog"}));
+            words("isNondestructing zeroReferencesIs backlog"));
   EXPECT_EQ(names(type("Ip6IntfStatusSm")),
-            reactor({"vrfIp6IntfStatus", "intfBacklog", "ip6IntfStatus", "initialized",
-                     "handleInitialized", "handleIp6IntfStatus", "doPrepareToDie"}));
+            reactor("vrfIp6IntfStatus intfBacklog ip6IntfStatus initialized handleInitialized "
+                    "handleIp6IntfStatus doPrepareToDie"));
   EXPECT_EQ(names(type("VrfIp6IntfStatusSm")),
-            reactor({"vrfName", "ip6Status", "intfBacklog", "ip6IntfStatusSm", "initialized",
-                     "handleInitialized", "handleVrfIp6IntfStatus"}));
+            reactor("vrfName ip6Status intfBacklog ip6IntfStatusSm initialized handleInitialized "
+                    "handleVrfIp6IntfStatus"));
   // The IPv4 instances of the same templates keep the IPv4 names.
   EXPECT_EQ(names(type("RoutingConfigSm")),
-            reactor({"routingConfig", "kernelIntfStatusDir", "intfStatusManager", "routeInputDirSm",
-                     "initialized", "handleInitialized", "handleRouteInputDir"}));
+            reactor("routingConfig kernelIntfStatusDir intfStatusManager routeInputDirSm "
+                    "initialized handleInitialized handleRouteInputDir"));
   EXPECT_EQ(names(type("RouteInputDirSm"))[kReactor.size()], "routeInputDir");
   EXPECT_EQ(names(type("RouteBacklogSm"))[kReactor.size() + 1], "routeBacklog");
   // The typed interface answers to the twin's names on the twin only.

@@ -59,12 +59,7 @@ TEST_F(RootStart, StartUpOrderInTheDefaultVrf) {
 TEST_F(RootStart, SecondVrfBecomesTheRootAndHasNoIpv6) {
   start("default");
   auto first = root_;
-  root_ = rootFactory("blue");
-  root_->vrfNameIs(Ip::VrfName("blue"));
-  root_->allIntfStatusDirIs(all_);
-  root_->allIntfStatusLocalDirIs(local_);
-  root_->ipStatusIs(ipStatus_);
-  root_->routingConfigIs(config_);
+  root_ = makeRoot("blue", "blue", {"ip6", "routing6"});
   root_->initializedIs(true);  // ip6Status and routing6Config null: fine outside "default"
   EXPECT_FALSE(root_->routing6ConfigSm());
   EXPECT_FALSE(root_->vrfIp6IntfStatusSm());
@@ -79,15 +74,7 @@ TEST_F(RootDeath, MissingRequiredInputsStopTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::string fn = "void InterfaceRouteInfo::Root::handleInitialized\\(\\)";
   auto startWithout = [this](const std::string& missing, const char* vrf) {
-    auto root = rootFactory("r");
-    root->vrfNameIs(Ip::VrfName(vrf));
-    if (missing != "all") root->allIntfStatusDirIs(all_);
-    if (missing != "local") root->allIntfStatusLocalDirIs(local_);
-    if (missing != "ip") root->ipStatusIs(ipStatus_);
-    if (missing != "ip6") root->ip6StatusIs(ip6Status_);
-    if (missing != "routing") root->routingConfigIs(config_);
-    if (missing != "routing6") root->routing6ConfigIs(config6_);
-    root->initializedIs(true);
+    makeRoot("r", vrf, {missing})->initializedIs(true);
   };
   const std::string file = "InterfaceRouteInfo\\.tin:[0-9]+: ";
   EXPECT_DEATH(startWithout("all", "red"),

@@ -22,8 +22,8 @@ class RouteConvergence : public RouteWorld {
   }
   using RouteWorld::input;
   using RouteWorld::input6;
+  using RouteWorld::run;
   using RouteWorld::start;
-  void runFor(double seconds) { run(seconds); }
 };
 
 // Gateways of the protocol's entries, as "gateway dev" sorted, per prefix.
@@ -65,8 +65,7 @@ struct Ip4 {
   static Routing::Via via(const Choice& c) {
     return {Kanet::IntfId(c.intf), *c.hop ? ip(c.hop) : Kanet::IpAddr()};
   }
-  static Kel::Ptr<RouteInputSm> sm(Root& root, const Kel::Ptr<Kel::Dir>& dir) {
-    (void)dir;
+  static Kel::Ptr<RouteInputSm> sm(Root& root) {
     return root.routingConfigSm()->routeInputDirSm()->routeInputSm("bgp");
   }
 };
@@ -87,8 +86,7 @@ struct Ip6 {
   static Routing6::Via via(const Choice& c) {
     return {Kanet::IntfId(c.intf), *c.hop ? ip6(c.hop) : Kanet::Ip6Addr()};
   }
-  static Kel::Ptr<Route6InputSm> sm(Root& root, const Kel::Ptr<Kel::Dir>& dir) {
-    (void)dir;
+  static Kel::Ptr<Route6InputSm> sm(Root& root) {
     return root.routing6ConfigSm()->routeInputDirSm()->routeInputSm("bgp6");
   }
 };
@@ -141,7 +139,7 @@ void converge(RouteConvergence& w, Kel::Ptr<Root>& root, const Kel::Ptr<Kel::Dir
           break;
       }
     }
-    w.runFor(0.5 + pick(3));
+    w.run(0.5 + pick(3));
     for (const std::string& p : touched) {
       if (!model.count(p)) {
         installed.erase(p);
@@ -165,7 +163,7 @@ void converge(RouteConvergence& w, Kel::Ptr<Root>& root, const Kel::Ptr<Kel::Dir
     }
     ASSERT_EQ(daemonGateways(8), installed) << "round " << round;
   }
-  auto sm = F::sm(*root, dir);
+  auto sm = F::sm(*root);
   std::set<std::string> gotParked;
   for (auto it = sm->unresolvedRouteBacklog()->backlogIterator(); it; ++it) {
     gotParked.insert(it.key().toString());
@@ -175,7 +173,7 @@ void converge(RouteConvergence& w, Kel::Ptr<Root>& root, const Kel::Ptr<Kel::Dir
 
   // Withdrawing the whole input leaves nothing of the protocol.
   dir->entityPtrDel(Kel::Name(sm->name()));
-  w.runFor(1.0);
+  w.run(1.0);
   EXPECT_TRUE(daemonRoutes(8).empty());
 }
 

@@ -187,12 +187,6 @@ TEST_F(RouteMirror, NonDefaultVrfHasNoIpv6Reactors) {
   EXPECT_TRUE(daemonRoutes(8).empty());
 }
 
-}  // namespace
-}  // namespace RouteTest
-
-namespace RouteTest {
-namespace {
-
 TEST_F(RouteMirror, GeneratedMutatorsRefuseBadParameters) {
   auto bgp = input("bgp", 8, 20);
   start();
@@ -213,12 +207,6 @@ TEST_F(RouteMirror, GeneratedMutatorsRefuseBadParameters) {
             "_routeInput has a different value of other not allowed");
   EXPECT_EQ(dirSm->routeInputSm("bgp"), sm);
 }
-
-}  // namespace
-}  // namespace RouteTest
-
-namespace RouteTest {
-namespace {
 
 using RouteMirrorDeath = RouteMirror;
 

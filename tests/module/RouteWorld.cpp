@@ -2,17 +2,9 @@
 
 #include <sstream>
 
-#include "tests/support/ModuleWorld.h"
-
 namespace RouteTest {
 
 namespace {
-
-std::string text(const sockaddr_un* a) {
-  char buf[96];
-  sockaddr_format(a, buf, sizeof buf);
-  return buf;
-}
 
 struct Collect {
   uint16_t proto;
@@ -29,13 +21,13 @@ void collectHead(rt_head* rth, void* arg) {
     if (rt->rt_adj.adj_n_gw == 0) os << " blackhole";
     for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
       const if_addr* a = rt->rt_adj.adj_ifaps[j];
-      os << (j ? ", via " : " via ") << text(rt->rt_adj.adj_routers[j]) << " dev "
+      os << (j ? ", via " : " via ") << sockText(rt->rt_adj.adj_routers[j]) << " dev "
          << (a ? a->ifa_info.ifi_link->ifl_name : "-");
     }
     all += (all.empty() ? "" : " | ") + os.str();
   }
   if (all.empty()) return;
-  (*c.out)[text(&rth->rth_dest) + "/" + std::to_string(rth->rth_plen)] = all;
+  (*c.out)[sockText(&rth->rth_dest) + "/" + std::to_string(rth->rth_plen)] = all;
 }
 
 }  // namespace
@@ -48,38 +40,6 @@ std::map<std::string, std::string> daemonRoutes(uint16_t proto) {
 }
 
 std::vector<std::string> events(const Kel::TraceRecorder& rec) { return messages(rec, 0); }
-
-void RouteWorld::SetUp() {
-  corvd_reset();
-  Kel::activityManager()->reset();
-  Kel::activityManager()->manualTimeIs(100.0);
-  Kel::traceSinkIs(&rec_);
-  Kel::traceConfigIs("InterfaceRouteInfo/0-9");
-  all_ = Kel::make<Interface::AllIntfStatusDir>("all");
-  local_ = Kel::make<Interface::AllIntfStatusLocalDir>("local");
-  ipStatus_ = Kel::make<Ip::Status>("ip");
-  ip6Status_ = Kel::make<Ip6::Status>("ip6");
-  config_ = Kel::make<Routing::Config>("routing");
-  config6_ = Kel::make<Routing6::Config>("routing6");
-  dir_ = Kel::make<Kel::Dir>("routeInput");
-  dir6_ = Kel::make<Kel::Dir>("route6Input");
-  config_->routeInputDirIs(dir_);
-  config6_->routeInputDirIs(dir6_);
-}
-
-void RouteWorld::TearDown() { endModuleWorld(root_); }
-
-void RouteWorld::start(const char* vrf) {
-  root_ = rootFactory("root");
-  root_->vrfNameIs(Ip::VrfName(vrf));
-  root_->allIntfStatusDirIs(all_);
-  root_->allIntfStatusLocalDirIs(local_);
-  root_->ipStatusIs(ipStatus_);
-  root_->ip6StatusIs(ip6Status_);
-  root_->routingConfigIs(config_);
-  root_->routing6ConfigIs(config6_);
-  root_->initializedIs(true);
-}
 
 void RouteWorld::intf(const char* intfId, const char* device, unsigned ifIndex, const char* addr,
                       const char* peer) {
@@ -94,7 +54,7 @@ void RouteWorld::intf(const char* intfId, const char* device, unsigned ifIndex, 
   // mirroring leaves it alone).
   auto kernelIntf = Kel::make<KernelNetworkInfo::Interface>(device);
   kernelIntf->ifIndexIs(ifIndex);
-  local_->kernelNetworkInfoNew(Kanet::NamespaceName())->interfaceByNameIs(device, kernelIntf);
+  kernel_->interfaceByNameIs(device, kernelIntf);
   corvd_host_link(ifIndex, device, true);
   if (addr) daemonAddr(ifIndex, addr, peer);
 }

@@ -1,7 +1,6 @@
 // A small world for route mirroring tests: the in-memory daemon with a few interfaces, the
-// interface status model naming them, a routing configuration with its route input directory,
-// and a started Root for one VRF, all on manual time. Helpers publish routes as a protocol agent
-// would and read back what the daemon's routing table holds.
+// interface status model naming them; helpers publish routes as a protocol agent would and read
+// back what the daemon's routing table holds.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,11 +10,7 @@
 #include <vector>
 
 #include "fwk/DaemonAddr.h"
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
 #include "fwk/daemon/host_conf.h"
-#include "fwk/framework/ActivityManager.h"
-#include "fwk/framework/Trace.h"
 #include "tests/support/ModuleWorld.h"
 
 namespace RouteTest {
@@ -40,13 +35,8 @@ std::vector<std::string> events(const Kel::TraceRecorder& rec);
 // One next hop as text: {intfId or "", hop or ""}.
 using ViaText = std::pair<const char*, const char*>;
 
-class RouteWorld : public ::testing::Test {
+class RouteWorld : public ModuleWorld {
  protected:
-  void SetUp() override;
-  void TearDown() override;
-
-  // Starts a Root for `vrf` (after the inputs are set up).
-  void start(const char* vrf = "default");
   // An interface known to the state database and, when `addr` is given, to the daemon with
   // that address ("10.0.1.1/24", or "2001:db8::1/64"); `peer` makes it point-to-point.
   void intf(const char* intfId, const char* device, unsigned ifIndex, const char* addr = nullptr,
@@ -66,17 +56,6 @@ class RouteWorld : public ::testing::Test {
 
   // Runs the activity loop for `seconds` of manual time.
   void run(double seconds = 1.0);
-
-  Kel::Ptr<Interface::AllIntfStatusDir> all_;
-  Kel::Ptr<Interface::AllIntfStatusLocalDir> local_;
-  Kel::Ptr<Ip::Status> ipStatus_;
-  Kel::Ptr<Ip6::Status> ip6Status_;
-  Kel::Ptr<Routing::Config> config_;
-  Kel::Ptr<Routing6::Config> config6_;
-  Kel::Ptr<Kel::Dir> dir_;
-  Kel::Ptr<Kel::Dir> dir6_;
-  Kel::Ptr<Root> root_;
-  Kel::TraceRecorder rec_;
 };
 
 }  // namespace RouteTest

@@ -1,51 +1,19 @@
 // corvd-sim's generic lines (get, set, ls, call, watch): paths from root-VRF through attributes and
 // keyed members (keys with '/'), the IPv6 twins' names, a new backlogDelay never moving a pending
 // drain, and every kind of bad input refused with the path named and nothing changed.
-#include <gtest/gtest.h>
-
-#include <sstream>
-
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
-#include "fwk/framework/ActivityManager.h"
-#include "tools/corvd-sim/Scenario.h"
+#include "tests/support/SimWorld.h"
 
 namespace {
 
-class GenericLines : public ::testing::Test {
+class GenericLines : public SimWorld {
  protected:
   void SetUp() override {
-    corvd_reset();
-    Kel::activityManager()->reset();
-    Kel::activityManager()->manualTimeIs(0.0);
-    s_ = std::make_unique<CorvdSim::Scenario>(out_);
+    SimWorld::SetUp();
     run("device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\n"
         "device et2 3\nintf Ethernet2 et2\n"
         "input default bgp proto 8\nroute default bgp 10.9.0.0/16 via 10.0.1.2\n"
         "input default ripng proto 9 ipv6\nvrf default\nrun 1\n");
   }
-  void TearDown() override {
-    s_.reset();
-    InterfaceRouteInfo::theRootDel();
-    EXPECT_EQ(corvd_misuse_count(), 0u);
-    corvd_reset();
-    Kel::activityManager()->reset();
-  }
-  std::string run(const std::string& text) {
-    out_.str("");
-    s_->runText(text, "t.scn");
-    return out_.str();
-  }
-  std::string error(const std::string& line) {
-    try {
-      run(line);
-    } catch (const CorvdSim::ScenarioError& e) {
-      return e.what();
-    }
-    return "no error";
-  }
-  std::ostringstream out_;
-  std::unique_ptr<CorvdSim::Scenario> s_;
 };
 
 const std::string kBgp = "root-default/routingConfigSm/routeInputDirSm/routeInputSm[bgp]";
@@ -81,7 +49,7 @@ TEST_F(GenericLines, PathsReachAttributesAndMembersByName) {
 }
 
 TEST_F(GenericLines, NewBacklogDelayNeverMovesAPendingDrain) {
-  const auto sm = s_->root("default")->intfBacklogSm();
+  const auto sm = sim_->root("default")->intfBacklogSm();
   ASSERT_FALSE(sm->backlogScheduled());
   run("set root-default/intfBacklog/backlogDelay 2");  // nothing pending: scheduled afresh
   ASSERT_TRUE(sm->backlogScheduled());

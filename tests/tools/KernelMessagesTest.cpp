@@ -64,12 +64,22 @@ class KernelMessages : public ::testing::Test {
     src_.message(reinterpret_cast<const nlmsghdr*>(at));
     munmap(map, 2 * page);
   }
-  static bool has(const std::vector<std::string>& lines, const std::string& text) {
-    return std::find(lines.begin(), lines.end(), text) != lines.end();
+  // Whether `lines` hold `text` (has) or a line containing it (mentions); the lines are the
+  // message either way.
+  static ::testing::AssertionResult has(const std::vector<std::string>& lines,
+                                        const std::string& text) {
+    return result(std::find(lines.begin(), lines.end(), text) != lines.end(), lines);
   }
-  static bool mentions(const std::vector<std::string>& lines, const std::string& text) {
-    return std::any_of(lines.begin(), lines.end(),
-                       [&](const std::string& l) { return l.find(text) != std::string::npos; });
+  static ::testing::AssertionResult mentions(const std::vector<std::string>& lines,
+                                             const std::string& text) {
+    return result(
+        std::any_of(lines.begin(), lines.end(),
+                    [&](const std::string& l) { return l.find(text) != std::string::npos; }),
+        lines);
+  }
+  static ::testing::AssertionResult result(bool ok, const std::vector<std::string>& lines) {
+    return (ok ? ::testing::AssertionSuccess() : ::testing::AssertionFailure())
+           << ::testing::PrintToString(lines);
   }
 
   Recorder pub_;
@@ -83,14 +93,14 @@ TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdraws
   pub_.take();
   link(RTM_NEWLINK, 10, "blue", 100);
   auto lines = pub_.take();
-  EXPECT_TRUE(has(lines, "vrf blue")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "vrf blue"));
 
   // a0 becomes blue's slave: its interface and IPv4 address move there, IPv6 on it is left out.
   link(RTM_NEWLINK, 2, "a0", 0, 10);
   addr(AF_INET6, 2, "2001:db8:1::1", 64);
   lines = pub_.take();
-  EXPECT_TRUE(mentions(lines, "intf a0 a0 vrf blue")) << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "ip6 a0")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(mentions(lines, "intf a0 a0 vrf blue"));
+  EXPECT_FALSE(mentions(lines, "ip6 a0"));
 
   // Table 100 is blue's, the main table default's, the local table nobody's; IPv6 only default.
   route(RTM_NEWROUTE, AF_INET, 100, "10.8.0.0", 16, "10.1.0.5", 2);
@@ -99,46 +109,40 @@ TEST_F(KernelMessages, VrfDeviceStartsItsWorldTakesItsSlavesAndTableAndWithdraws
   route(RTM_NEWROUTE, AF_INET6, 100, "2001:db8:9::", 48, "2001:db8:1::5", 2);
   route(RTM_NEWROUTE, AF_INET, 200, "10.6.0.0", 16, "10.1.0.8", 2);  // a table of no VRF
   lines = pub_.take();
-  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.8.0.0/16 via 10.1.0.5 dev a0"))
-      << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "route default rtproto-static 10.9.0.0/16 via 10.1.0.6 dev a0"))
-      << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "10.7.0.0")) << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "2001:db8:9::")) << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "10.6.0.0")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.8.0.0/16 via 10.1.0.5 dev a0"));
+  EXPECT_TRUE(has(lines, "route default rtproto-static 10.9.0.0/16 via 10.1.0.6 dev a0"));
+  EXPECT_FALSE(mentions(lines, "10.7.0.0"));
+  EXPECT_FALSE(mentions(lines, "2001:db8:9::"));
+  EXPECT_FALSE(mentions(lines, "10.6.0.0"));
 
   // The VRF device goes: its world stops and takes its routes and inputs along; the slave falls
   // back to default, where its IPv6 address is published now.
   link(RTM_DELLINK, 10, "blue", 100);
   lines = pub_.take();
-  EXPECT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default")) << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "ip6 a0 2001:db8:1::1/64")) << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "route ")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "(world blue stops)"));
+  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default"));
+  EXPECT_TRUE(has(lines, "ip6 a0 2001:db8:1::1/64"));
+  EXPECT_FALSE(mentions(lines, "route "));
   // A VRF device taking table 100 again publishes the table's route into the new VRF.
   link(RTM_NEWLINK, 11, "red", 100);
   lines = pub_.take();
-  EXPECT_TRUE(has(lines, "vrf red")) << ::testing::PrintToString(lines);
-  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16 via 10.1.0.5"))
-      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "vrf red"));
+  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16 via 10.1.0.5"));
 
   // VRF devices may share a table: the last one to come has it; when it goes, the one left takes
   // the table back, and when one that does not hold the table goes, the holder keeps it.
   link(RTM_NEWLINK, 12, "green", 100);
   lines = pub_.take();
-  EXPECT_TRUE(mentions(lines, "route green rtproto-static 10.8.0.0/16"))
-      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(mentions(lines, "route green rtproto-static 10.8.0.0/16"));
   link(RTM_DELLINK, 12, "green", 100);
   lines = pub_.take();
-  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16"))
-      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(mentions(lines, "route red rtproto-static 10.8.0.0/16"));
   link(RTM_NEWLINK, 13, "gold", 100);
   link(RTM_DELLINK, 11, "red", 100);
   pub_.take();
   route(RTM_NEWROUTE, AF_INET, 100, "10.5.0.0", 16, "10.1.0.9", 2);
   lines = pub_.take();
-  EXPECT_TRUE(mentions(lines, "route gold rtproto-static 10.5.0.0/16"))
-      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(mentions(lines, "route gold rtproto-static 10.5.0.0/16"));
 }
 
 // A VRF device's change message: without a readable table it changes nothing (the fuzz target
@@ -174,17 +178,16 @@ TEST_F(KernelMessages, AVrfDeviceKeepsItsWorldUntilItsTableChanges) {
   const auto at = [&](const std::string& text) {
     return std::find(lines.begin(), lines.end(), text) - lines.begin();
   };
-  ASSERT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
+  ASSERT_TRUE(has(lines, "(world blue stops)"));
   EXPECT_LT(at("(world blue stops)"), at("vrf blue")) << ::testing::PrintToString(lines);
   EXPECT_LT(at("vrf blue"), at("intf a0 a0 vrf blue")) << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.6.0.0/16 via 10.1.0.6 dev a0"))
-      << ::testing::PrintToString(lines);
-  EXPECT_FALSE(mentions(lines, "10.8.0.0")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "route blue rtproto-static 10.6.0.0/16 via 10.1.0.6 dev a0"));
+  EXPECT_FALSE(mentions(lines, "10.8.0.0"));
 
   vrfLink(0);
   lines = pub_.take();
-  EXPECT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "(world blue stops)"));
+  EXPECT_TRUE(has(lines, "intf a0 a0 vrf default"));
   EXPECT_FALSE(has(lines, "vrf blue") || mentions(lines, "route "))
       << ::testing::PrintToString(lines);
   link(RTM_DELLINK, 10, "blue");
@@ -204,8 +207,7 @@ TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) 
   auto lines = pub_.take();
   EXPECT_TRUE(has(lines,
                   "route default rtproto-static 10.2.0.0/16 via 10.1.0.5 dev a0 via "
-                  "10.1.1.5 dev b0"))
-      << ::testing::PrintToString(lines);
+                  "10.1.1.5 dev b0"));
 
   // A length the kernel never sends (not a multiple of 4): the destination's last bytes would lie
   // past the message. Ignored, as are a destination with host bits set and an all-zero gateway
@@ -219,8 +221,7 @@ TEST_F(KernelMessages, MessagesAreReadWithinTheirLengthAndMalformedOnesIgnored) 
   EXPECT_EQ(src_.counters().ignored, ignored + 3);
   route(RTM_NEWROUTE, AF_INET, RT_TABLE_MAIN, "10.4.0.0", 16, "0.0.0.0", 2);
   lines = pub_.take();
-  EXPECT_TRUE(has(lines, "route default rtproto-static 10.4.0.0/16 dev a0"))
-      << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "route default rtproto-static 10.4.0.0/16 dev a0"));
 }
 
 TEST_F(KernelMessages, OnlyNamesALineCarriesAsOneWordAreMirroredAndOneNameIsOneDevice) {
@@ -242,12 +243,12 @@ TEST_F(KernelMessages, OnlyNamesALineCarriesAsOneWordAreMirroredAndOneNameIsOneD
   pub_.take();
   link(RTM_NEWLINK, 12, "blue", 100);
   auto lines = pub_.take();
-  ASSERT_TRUE(has(lines, "(world blue stops)")) << ::testing::PrintToString(lines);
-  ASSERT_TRUE(has(lines, "vrf blue")) << ::testing::PrintToString(lines);
+  ASSERT_TRUE(has(lines, "(world blue stops)"));
+  ASSERT_TRUE(has(lines, "vrf blue"));
   EXPECT_LT(std::find(lines.begin(), lines.end(), "(world blue stops)"),
             std::find(lines.begin(), lines.end(), "vrf blue"))
       << ::testing::PrintToString(lines);
-  EXPECT_TRUE(has(lines, "device blue 12 flags 65601")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "device blue 12 flags 65601"));
 }
 
 TEST_F(KernelMessages, AddressesOfAnUnknownDeviceSurviveADumpAndWaitForIt) {
@@ -260,7 +261,7 @@ TEST_F(KernelMessages, AddressesOfAnUnknownDeviceSurviveADumpAndWaitForIt) {
   EXPECT_EQ(pub_.take(), std::vector<std::string>{});
   link(RTM_NEWLINK, 7, "c0");
   const auto lines = pub_.take();
-  EXPECT_TRUE(has(lines, "ip c0 10.7.0.2/24")) << ::testing::PrintToString(lines);
+  EXPECT_TRUE(has(lines, "ip c0 10.7.0.2/24"));
 }
 
 }  // namespace

@@ -1,100 +1,25 @@
-// corvd-sim's scenario engine: the bundled scenario and the scenario files print the tables kept
-// beside them (interfaces and routes mirrored per VRF), and a bad line is reported with its
-// source, line and reason and changes nothing.
-#include <gtest/gtest.h>
+// corvd-sim's scenario engine: a bad line is reported with its source, line and reason and changes
+// nothing; files are read line by line; the end of a run counts what --strict asks about. (The
+// scenario files and the bundled scenario are run by the corvd-sim.* tests, each compared with
+// the tables kept beside it.)
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
-#include "fwk/framework/ActivityManager.h"
 #include "tests/support/ErrorText.h"
-#include "tools/corvd-sim/Scenario.h"
+#include "tests/support/SimWorld.h"
 
 namespace {
 
-class ScenarioTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    corvd_reset();
-    Kel::activityManager()->reset();
-    Kel::activityManager()->manualTimeIs(0.0);
-  }
-  void TearDown() override {
-    InterfaceRouteInfo::theRootDel();
-    EXPECT_EQ(corvd_misuse_count(), 0u);
-    corvd_reset();
-    Kel::activityManager()->reset();
-  }
-};
-
-std::string readFile(const std::filesystem::path& p) {
-  std::ifstream in(p);
-  std::ostringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
-
-// Every scenario kept beside the tests, and the bundled one, prints exactly the tables kept beside
-// it.
-TEST_F(ScenarioTest, ScenarioFilesPrintTheirExpectedTables) {
-  const char* root = std::getenv("IRI_SOURCE_DIR");
-  ASSERT_NE(root, nullptr) << "run through CTest, which sets IRI_SOURCE_DIR";
-  int seen = 0;
-  for (const auto& entry :
-       std::filesystem::directory_iterator(std::filesystem::path(root) / "tests/tools/scenarios")) {
-    if (entry.path().extension() != ".scn") continue;
-    SCOPED_TRACE(entry.path().filename().string());
-    TearDown();
-    SetUp();
-    std::ostringstream out;
-    {
-      CorvdSim::Scenario s(out);
-      s.runText(readFile(entry.path()), entry.path().string());
-    }
-    auto expected = entry.path();
-    expected.replace_extension(".expected");
-    EXPECT_EQ(out.str(), readFile(expected));
-    ++seen;
-  }
-  EXPECT_GE(seen, 3);
-  TearDown();
-  SetUp();
-  std::ostringstream out;
-  {
-    CorvdSim::Scenario s(out);
-    s.runText(CorvdSim::kDefaultScenario, "bundled");
-  }
-  EXPECT_EQ(out.str(),
-            readFile(std::filesystem::path(root) / "tests/tools/scenarios/bundled.expected"));
-}
+using ScenarioTest = SimWorld;
 
 TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
-  std::ostringstream out;
-  CorvdSim::Scenario s(out);
-  s.runText(
-      "device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\n"
+  run("device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\n"
       "input default bgp proto 8\nroute default bgp 10.9.0.0/16 via 10.0.1.2\nvrf default\n"
-      "run 1\n",
-      "setup");
-  auto tables = [&] {
-    out.str("");
-    s.runText("show interfaces\nshow routes\n", "show");
-    return out.str();
-  };
-  const std::string before = tables();
-  auto error = [&](const std::string& text) {
-    try {
-      s.runText(text + "\nrun 1", "t.scn");
-    } catch (const CorvdSim::ScenarioError& e) {
-      return std::string(e.what());
-    }
-    return std::string("no error");
-  };
+      "run 1\n");
+  const std::string tables = "show interfaces\nshow routes\n";
+  const std::string before = run(tables);
   const std::pair<const char*, const char*> cases[] = {
       {"frobnicate", "t.scn:1: unknown command 'frobnicate'"},
       {"device et9 0", "t.scn:1: ifIndex '0' out of range 1..4294967295"},
@@ -190,13 +115,13 @@ TEST_F(ScenarioTest, BadLinesNameSourceLineAndReasonAndChangeNothing) {
   };
   for (const auto& [line, want] : cases) {
     SCOPED_TRACE(line);
-    const std::string got = error(line);
+    const std::string got = error(line + std::string("\nrun 1"));
     if (want) {
       EXPECT_EQ(got, want);
     } else {
       EXPECT_EQ(got.rfind("t.scn:1: ", 0), 0u) << got;
     }
-    EXPECT_EQ(tables(), before);
+    EXPECT_EQ(run(tables), before);
   }
   EXPECT_EQ(error("run 31536000"), "no error");  // a year exactly is the longest step
   EXPECT_EQ(error(std::string(5000, 'x')), "t.scn:1: line longer than 4096 bytes");
@@ -213,7 +138,7 @@ TEST_F(ScenarioTest, FilesAreReadLineByLineWithBoundedLines) {
     std::ofstream(dir / name, std::ios::binary) << text;
     return (dir / name).string();
   };
-  auto error = [](const std::string& path) {
+  auto read = [](const std::string& path) {
     std::ostringstream out;
     CorvdSim::Scenario s(out);
     try {
@@ -223,15 +148,13 @@ TEST_F(ScenarioTest, FilesAreReadLineByLineWithBoundedLines) {
     }
     return "ok: " + out.str();
   };
-  EXPECT_EQ(error(write("last.scn", "vrf default\nshow routes")), "ok: == routes vrf default\n");
+  EXPECT_EQ(read(write("last.scn", "vrf default\nshow routes")), "ok: == routes vrf default\n");
   const std::string longLine = write("long.scn", "run 1\n" + std::string(100000, '#'));
-  EXPECT_EQ(error(longLine), longLine + ":2: line longer than 4096 bytes");
-  EXPECT_EQ(error(dir.string()), "cannot read " + dir.string() + ": it is a directory");
-  EXPECT_EQ(error((dir / "absent.scn").string()), "cannot read " + (dir / "absent.scn").string());
-  std::ostringstream out;
-  CorvdSim::Scenario s(out);
+  EXPECT_EQ(read(longLine), longLine + ":2: line longer than 4096 bytes");
+  EXPECT_EQ(read(dir.string()), "cannot read " + dir.string() + ": it is a directory");
+  EXPECT_EQ(read((dir / "absent.scn").string()), "cannot read " + (dir / "absent.scn").string());
   std::istringstream in("vrf default\nfrobnicate");
-  EXPECT_EQ(errorOf<CorvdSim::ScenarioError>([&] { s.runStream(in, "(standard input)"); }),
+  EXPECT_EQ(errorOf<CorvdSim::ScenarioError>([&] { sim_->runStream(in, "(standard input)"); }),
             "(standard input):2: unknown command 'frobnicate'");
   std::filesystem::remove_all(dir);
 }
@@ -240,28 +163,20 @@ TEST_F(ScenarioTest, FilesAreReadLineByLineWithBoundedLines) {
 // next hop that no interface serves (10.9.9.9), and its daemons saw no misuse; a route input that
 // is given an address for its next hop later leaves none.
 TEST_F(ScenarioTest, EndOfRunCountsUnresolvedRoutesAndMisuse) {
-  std::ostringstream out;
-  CorvdSim::Scenario s(out);
-  s.runText(CorvdSim::kDefaultScenario, "bundled");
-  EXPECT_EQ(s.unresolvedCount(), 1u);
-  EXPECT_EQ(s.misuseCount(), 0u);
-  s.runText("device et9 9\nintf Ethernet9 et9\nip Ethernet9 10.9.9.1/24\nrun 1", "more");
-  EXPECT_EQ(s.unresolvedCount(), 0u);
+  run(CorvdSim::kDefaultScenario);
+  EXPECT_EQ(sim_->unresolvedCount(), 1u);
+  EXPECT_EQ(sim_->misuseCount(), 0u);
+  run("device et9 9\nintf Ethernet9 et9\nip Ethernet9 10.9.9.1/24\nrun 1");
+  EXPECT_EQ(sim_->unresolvedCount(), 0u);
 }
 
 // A show taken while changes still wait in a backlog says how many, and that run drains them.
 TEST_F(ScenarioTest, ShowSaysWhatIsStillQueued) {
-  std::ostringstream out;
-  CorvdSim::Scenario s(out);
-  s.runText(
-      "device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\ninput default bgp proto 8\n"
-      "route default bgp 10.9.0.0/16 via 10.0.1.2\nvrf default\nshow routes",
-      "t.scn");
-  EXPECT_EQ(out.str(),
-            "== routes vrf default\n(2 change(s) still queued in vrf default: run drains them)\n");
-  out.str("");
-  s.runText("run 1\nshow routes", "t.scn");
-  EXPECT_EQ(out.str().find("still queued"), std::string::npos);
+  EXPECT_EQ(
+      run("device et1 2\nintf Ethernet1 et1\nip Ethernet1 10.0.1.1/24\ninput default bgp proto 8\n"
+          "route default bgp 10.9.0.0/16 via 10.0.1.2\nvrf default\nshow routes"),
+      "== routes vrf default\n(2 change(s) still queued in vrf default: run drains them)\n");
+  EXPECT_EQ(run("run 1\nshow routes").find("still queued"), std::string::npos);
 }
 
 }  // namespace

@@ -2,28 +2,19 @@
 // uses, and says what the tables and the host's observations hold (selection, multipath,
 // blackholes, entries whose input is gone, set-aside routes with the module's reason, backlog
 // counters, per-VRF summaries); the filters pick exactly what they name.
-#include <gtest/gtest.h>
-
 #include <nlohmann/json.hpp>
-#include <sstream>
 
-#include "fwk/Root.h"
-#include "fwk/daemon/corvd.h"
-#include "fwk/framework/ActivityManager.h"
-#include "tools/corvd-sim/Scenario.h"
+#include "tests/support/SimWorld.h"
 
 namespace {
 
 using nlohmann::json;
 
-class ShowTest : public ::testing::Test {
+class ShowTest : public SimWorld {
  protected:
   void SetUp() override {
-    corvd_reset();
-    Kel::activityManager()->reset();
-    Kel::activityManager()->manualTimeIs(0.0);
-    scenario_ = std::make_unique<CorvdSim::Scenario>(out_);
-    lines(R"(device et1 2 mac 02:00:00:00:00:01
+    SimWorld::SetUp();
+    run(R"(device et1 2 mac 02:00:00:00:00:01
 device et2 3
 intf Ethernet1 et1
 intf Ethernet2 et2 mtu 9000
@@ -42,24 +33,8 @@ route default bgp 100.65.0.0/16 dev Ethernet7
 blackhole default bgp 192.0.2.0/24
 route default bgp6 2001:db8:99::/48 via 2001:db8:1::2)");
   }
-  void TearDown() override {
-    scenario_.reset();
-    InterfaceRouteInfo::theRootDel();
-    corvd_reset();
-    Kel::activityManager()->reset();
-  }
-  void lines(const std::string& text) { scenario_->runText(text, "t.scn"); }
-  // What one line prints.
-  std::string print(const std::string& line) {
-    out_.str("");
-    scenario_->runLine(line, "t.scn", 1);
-    return out_.str();
-  }
   // One line's output parsed as exactly one JSON document (parse raises on anything else).
-  json doc(const std::string& line) { return json::parse(print(line)); }
-
-  std::ostringstream out_;
-  std::unique_ptr<CorvdSim::Scenario> scenario_;
+  json doc(const std::string& line) { return json::parse(run(line)); }
 };
 
 json find(const json& array, const std::string& key, const std::string& value) {
@@ -78,7 +53,7 @@ TEST_F(ShowTest, RoutesAndSummaryInJsonNameInputsSelectionAndFamilies) {
   EXPECT_EQ(summary[0]["vrf"], "default");
   EXPECT_EQ(summary[0]["pending"], 8);  // 6 route keys, 2 interfaces
   EXPECT_EQ(summary[0]["entries"], 0);
-  lines("run 1");
+  run("run 1");
 
   const json routes = doc("show routes json");
   const json same = find(routes, "dst", "203.0.113.0/24");
@@ -111,7 +86,7 @@ TEST_F(ShowTest, RoutesAndSummaryInJsonNameInputsSelectionAndFamilies) {
   EXPECT_EQ(doc("show routes vrf red json"), json::array());
 
   // A protocol change keeps the old gateway's entries: they outlive their input.
-  lines("proto default static 4\nrun 1");
+  run("proto default static 4\nrun 1");
   const json gone = find(doc("show routes json"), "proto", "3");
   EXPECT_TRUE(gone.empty());  // proto is a number, not text
   bool sawGone = false;
@@ -123,7 +98,7 @@ TEST_F(ShowTest, RoutesAndSummaryInJsonNameInputsSelectionAndFamilies) {
     }
   }
   EXPECT_TRUE(sawGone);
-  EXPECT_NE(print("show routes").find("proto 3 (input gone)"), std::string::npos);
+  EXPECT_NE(run("show routes").find("proto 3 (input gone)"), std::string::npos);
 
   summary = doc("show summary vrf default json");
   ASSERT_EQ(summary.size(), 1u);
@@ -134,7 +109,7 @@ TEST_F(ShowTest, RoutesAndSummaryInJsonNameInputsSelectionAndFamilies) {
 }
 
 TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
-  lines("run 1");
+  run("run 1");
   const json intfs = doc("show interfaces json");
   const json et1 = find(intfs, "ifname", "et1");
   ASSERT_EQ(et1.size(), 1u);
@@ -150,7 +125,7 @@ TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
   const json one = doc("show interfaces et2 json");
   ASSERT_EQ(one.size(), 1u);
   EXPECT_EQ(one[0]["ifname"], "et2");
-  EXPECT_EQ(print("show interfaces brief vrf default et1"),
+  EXPECT_EQ(run("show interfaces brief vrf default et1"),
             "== interfaces vrf default\net1              UP    10.0.1.1/24 2001:db8:1::1/64\n");
 
   // Set aside with the module's own reason; the one whose address arrives leaves the list.
@@ -162,11 +137,11 @@ TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
                              {"dst", "100.64.0.0/10"},
                              {"reason", "There is no interface with nexthop 10.9.9.9"}}));
   EXPECT_EQ(parked[1]["reason"], "Interface Ethernet7is not local to us");
-  lines("ip Ethernet2 10.0.2.1/24 10.9.9.1/24\nrun 1");
+  run("ip Ethernet2 10.0.2.1/24 10.9.9.1/24\nrun 1");
   parked = doc("show unresolved json");
   ASSERT_EQ(parked.size(), 1u);
   EXPECT_EQ(parked[0]["dst"], "100.65.0.0/16");
-  EXPECT_EQ(print("show unresolved vrf red"), "== unresolved vrf red\n  (none)\n");
+  EXPECT_EQ(run("show unresolved vrf red"), "== unresolved vrf red\n  (none)\n");
 
   // Counters. The routes drain before the interfaces (both wait the same delay, the routes were
   // scheduled first): bgp's first run finds no address, adds the blackhole and parks 3 keys; the
@@ -194,7 +169,7 @@ TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
 // A device name need not be UTF-8 (the kernel takes any bytes): the JSON is still one valid
 // document, the stray byte shown as U+FFFD.
 TEST_F(ShowTest, NamesThatAreNotUtf8StillGiveValidJson) {
-  lines("device et\xb4 4\nintf Odd et\xb4\nip Odd 10.0.4.1/24\nrun 1");
+  run("device et\xb4 4\nintf Odd et\xb4\nip Odd 10.0.4.1/24\nrun 1");
   bool odd = false;
   for (const auto& e : doc("show interfaces json")) {
     if (e["ifindex"] == 4) odd = e["ifname"] == "et\xef\xbf\xbd";
