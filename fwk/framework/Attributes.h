@@ -418,48 +418,51 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   ::Kel::HashMap<Key, Adapter> name##_;
 
 // ---- the whole entity body ----
-#define KEL_ENTITY(Class, QualifiedName, LIST)                                             \
- public:                                                                                   \
-  /* Declared attributes by position (the framework's rows come first in the tables). */   \
-  enum KelAttrDeclared : unsigned { LIST(KEL_ENUM_) kelAttrDeclaredCount };                \
-  class Notifiee : public ::Kel::NotifieeBase {                                            \
-   public:                                                                                 \
-    Notifiee() = default;                                                                  \
-    ~Notifiee() override { notifierBaseIs(nullptr); }                                      \
-    const ::Kel::Ptr<const Class>& notifier() const { return kelNotifier_; }               \
-    void notifierIs(const ::Kel::Ptr<const Class>& n) {                                    \
-      if (n == kelNotifier_) return;                                                       \
-      ::Kel::Ptr<const Class> keep = kelNotifier_;                                         \
-      kelNotifier_ = n;                                                                    \
-      notifierBaseIs(n.ptr());                                                             \
-    }                                                                                      \
-    /* Every callback not overridden lands here with the attribute's declared position. */ \
-    virtual void kelAttributeChanged(unsigned) {}                                          \
-    LIST(KEL_CB_)                                                                          \
-   private:                                                                                \
-    ::Kel::Ptr<const Class> kelNotifier_;                                                  \
-  };                                                                                       \
-  static const char* kelTypeName() { return QualifiedName; }                               \
-  KEL_TABLES_(Class, LIST, KEL_INFO_, KEL_ACC_)                                            \
-  /* Switches the notifiees of the NOTIFIEES collections (reactors). */                    \
-  void kelCollectionsActiveIs([[maybe_unused]] bool kelActive) { LIST(KEL_ACTIVE_) }       \
-  auto kelCtorParams() const { return std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()); }     \
-  static const char* const* kelCtorParamNames() {                                          \
-    static const char* const names[] = {LIST(KEL_PNAME_) nullptr};                         \
-    return names;                                                                          \
-  }                                                                                        \
-                                                                                           \
- protected:                                                                                \
-  template <class... Args>                                                                 \
-  void kelInputsIs(Args&&... args) {                                                       \
-    std::apply([&](auto&... field) { ((field = std::forward<Args>(args)), ...); },         \
-               std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()));                             \
-  }                                                                                        \
-  template <class F>                                                                       \
-  void kelNotify(F&& f) const {                                                            \
-    deliver<Notifiee>(f);                                                                  \
-  }                                                                                        \
-  /* The owner is going away: the reactors it alone holds prepare to die first. */         \
+#define KEL_ENTITY(Class, QualifiedName, LIST)                                              \
+ public:                                                                                    \
+  /* Declared attributes by position (the framework's rows come first in the tables). */    \
+  enum KelAttrDeclared : unsigned { LIST(KEL_ENUM_) kelAttrDeclaredCount };                 \
+  /* Holds a reference to its notifier (counted by hand: the base's pointer is the only     \
+     copy, which keeps a million route adapters a pointer smaller). */                      \
+  class Notifiee : public ::Kel::NotifieeBase {                                             \
+   public:                                                                                  \
+    Notifiee() = default;                                                                   \
+    ~Notifiee() override { notifierIs(nullptr); }                                           \
+    ::Kel::Ptr<const Class> notifier() const { return ::Kel::Ptr<const Class>(watched()); } \
+    void notifierIs(const ::Kel::Ptr<const Class>& n) {                                     \
+      const Class* old = watched();                                                         \
+      if (n.ptr() == old) return;                                                           \
+      if (n) n->newRef();                                                                   \
+      notifierBaseIs(n.ptr());                                                              \
+      if (old) old->deleteRef();                                                            \
+    }                                                                                       \
+    /* Every callback not overridden lands here with the attribute's declared position. */  \
+    virtual void kelAttributeChanged(unsigned) {}                                           \
+    LIST(KEL_CB_)                                                                           \
+   private:                                                                                 \
+    const Class* watched() const { return static_cast<const Class*>(notifierBase()); }      \
+  };                                                                                        \
+  static const char* kelTypeName() { return QualifiedName; }                                \
+  KEL_TABLES_(Class, LIST, KEL_INFO_, KEL_ACC_)                                             \
+  /* Switches the notifiees of the NOTIFIEES collections (reactors). */                     \
+  void kelCollectionsActiveIs([[maybe_unused]] bool kelActive) { LIST(KEL_ACTIVE_) }        \
+  auto kelCtorParams() const { return std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()); }      \
+  static const char* const* kelCtorParamNames() {                                           \
+    static const char* const names[] = {LIST(KEL_PNAME_) nullptr};                          \
+    return names;                                                                           \
+  }                                                                                         \
+                                                                                            \
+ protected:                                                                                 \
+  template <class... Args>                                                                  \
+  void kelInputsIs(Args&&... args) {                                                        \
+    std::apply([&](auto&... field) { ((field = std::forward<Args>(args)), ...); },          \
+               std::tuple_cat(LIST(KEL_TIE_) std::tuple<>()));                              \
+  }                                                                                         \
+  template <class F>                                                                        \
+  void kelNotify(F&& f) const {                                                             \
+    deliver<Notifiee>(f);                                                                   \
+  }                                                                                         \
+  /* The owner is going away: the reactors it alone holds prepare to die first. */          \
   void kelBeforeDelete() override{LIST(KEL_ZOMBIE_)} LIST(KEL_MEMBER_) public:
 
 #include "fwk/framework/AttributeRows.h"
