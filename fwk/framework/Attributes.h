@@ -8,22 +8,22 @@
 //   SCALAR(name, Cap, Type, default)   value; name(), nameIs(v)
 //   POINTER(name, Cap, Type)           Kel::Ptr<const Type>; name(), nameIs(p)
 //   INPUT(name, Cap, Type)             constructor parameter, read-only; compared on
-//   reinstantiation COLLECTION(name, Cap, Key, Value)  name(k) (Value{} when absent), nameIs(k, v),
-//   nameDel(k),
+//                                      reinstantiation
+//   COLLECTION(name, Cap, Key, Value)  name(k) (Value{} when absent), nameIs(k, v), nameDel(k),
 //                                      nameDelAll(), nameIterator(), nameCount(), nameCollection()
 //   CHILD(name, Cap, Type)             owned child; nameIs(params...) instantiates, nameDel(),
 //                                      newCap(params...) builds one without storing it
 //   CHILDREN(name, Cap, Key, Type)     keyed owned reactors; nameIs(k, params...) returns the
-//   member (nameDel(k), nameDelAll())
-//                                      with equal parameters or raises Kel::NameInUseException
+//                                      member with equal parameters or raises
+//                                      Kel::NameInUseException (nameDel(k), nameDelAll())
 //   ENTRIES(name, Cap, Key, Type)      keyed entity records made from their key: name(k) (null when
 //                                      absent), nameIs(k) finds or makes the member (notifies
 //                                      on make), nameDel(k), nameDelAll(), nameIterator(),
 //                                      nameCount(); a member type with kelMemberOf(Owner*) is
 //                                      told when it joins (owner) and leaves (null)
-//   NOTIFIEES(name, Cap, Key, Adapter, Watched)  keyed adapters made from Ptr<const Watched>, keyed
-//                                      by the watched entity's key(); null raises
-//                                      Kel::RangeException
+//   NOTIFIEES(name, Cap, Key, Adapter, Watched)  keyed adapters made from Ptr<const Watched>,
+//                                      keyed by the watched entity's key(), held in the
+//                                      collection's nodes; null raises Kel::RangeException
 //   SIGNAL(name, Cap, Type, default, handler)  a value whose change first calls handler(), then
 //                                      notifies (Root's `initialized`)
 //   SECONDS(name, Cap, default)        a double of seconds, like SCALAR; the one kind the generic

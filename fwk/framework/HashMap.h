@@ -14,10 +14,10 @@
 // pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
 // order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
 // 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
-// touches one slot run and, on a hash match, one node. No allocation per member. A collection
-// of up to kSmall nodes (a route's next hops, say) has no index: a lookup walks its few nodes,
-// comparing hashes first. The index is built when the collection outgrows that, and goes
-// when it is emptied.
+// touches one slot run and, on a hash match, one node. No allocation per member; the first node
+// is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no index:
+// a lookup walks its few nodes, comparing hashes first. The index is built when the collection
+// outgrows that, and goes when it is emptied.
 // A value type that cannot move (a notifiee, registered with its notifier by address) lives in
 // its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
 // Its destructor must not change the map.
