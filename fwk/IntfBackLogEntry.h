@@ -28,10 +28,11 @@ class IntfBackLogEntry : public Kel::Entity {
   KEL_ENTITY(IntfBackLogEntry, "InterfaceRouteInfo::IntfBackLogEntry", KEL_ATTRS_IntfBackLogEntry)
 #undef KEL_ATTRS_IntfBackLogEntry
 
-  explicit IntfBackLogEntry(const Kanet::IntfId& intfId) : Kel::Entity(intfId.toString()) {
+  explicit IntfBackLogEntry(const Kanet::IntfId& intfId) : Kel::Entity(kNamedByKey) {
     kelInputsIs(intfId);
   }
   const Kanet::IntfId& key() const { return intfId(); }
+  KEL_NAMED_BY_KEY
 
   // Membership of a backlog (null: none), kept by the backlog's collection.
   void kelMemberOf(IntfBacklog* backlog);

@@ -60,7 +60,7 @@ class Entity : public PtrInterface, public NotifierBase {
   }
   enum NamedByKey { kNamedByKey };
   explicit Entity(NamedByKey) { ++live_; }
-  // The name of an entity made with kNamedByKey; such a type overrides it.
+  // The name of an entity made with kNamedByKey; such a type overrides it (KEL_NAMED_BY_KEY).
   virtual Name kelKeyName() const { return Name(); }
   void kelLifeEventIs(LifeEvent e) const {
     deliver<NotifieeBase>([e](NotifieeBase& n) { n.kelLifeEvent(e); });
@@ -74,3 +74,10 @@ class Entity : public PtrInterface, public NotifierBase {
 };
 
 }  // namespace Kel
+
+// In an entity type made with Entity(kNamedByKey): its name is the text of its key().
+#define KEL_NAMED_BY_KEY                                                            \
+ protected:                                                                         \
+  ::Kel::Name kelKeyName() const override { return ::Kel::Name(key().toString()); } \
+                                                                                    \
+ public:

@@ -42,8 +42,9 @@ class IntfStatus : public Kel::Entity {
   A(SCALAR, operStatus, OperStatus, ::Interface::IntfOperStatus, IntfOperStatus::intfOperUnknown)
   KEL_ENTITY(IntfStatus, "Interface::IntfStatus", KEL_ATTRS_IntfStatus)
 #undef KEL_ATTRS_IntfStatus
-  explicit IntfStatus(const Kanet::IntfId& id) : Kel::Entity(id.toString()) { kelInputsIs(id); }
+  explicit IntfStatus(const Kanet::IntfId& id) : Kel::Entity(kNamedByKey) { kelInputsIs(id); }
   const Kanet::IntfId& key() const { return intfId(); }
+  KEL_NAMED_BY_KEY
 };
 using IntfStatusPtr = Kel::Ptr<IntfStatus>;
 

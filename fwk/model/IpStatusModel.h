@@ -32,8 +32,9 @@ class IpIntfStatus : public Kel::Entity {
   A(COLLECTION, activeSecondaryWithMask, ActiveSecondaryWithMask, Kanet::IpAddrWithMask, bool)
   KEL_ENTITY(IpIntfStatus, "Ip::IpIntfStatus", KEL_ATTRS_IpIntfStatus)
 #undef KEL_ATTRS_IpIntfStatus
-  explicit IpIntfStatus(const Kanet::IntfId& id) : Kel::Entity(id.toString()) { kelInputsIs(id); }
+  explicit IpIntfStatus(const Kanet::IntfId& id) : Kel::Entity(kNamedByKey) { kelInputsIs(id); }
   const Kanet::IntfId& key() const { return intfId(); }
+  KEL_NAMED_BY_KEY
 };
 using IpIntfStatusPtr = Kel::Ptr<IpIntfStatus>;
 
@@ -44,8 +45,9 @@ class VrfIpIntfStatus : public Kel::Entity {
   A(COLLECTION, ipIntfStatus, IpIntfStatus, Kanet::IntfId, ::Ip::IpIntfStatusPtr)
   KEL_ENTITY(VrfIpIntfStatus, "Ip::VrfIpIntfStatus", KEL_ATTRS_VrfIpIntfStatus)
 #undef KEL_ATTRS_VrfIpIntfStatus
-  explicit VrfIpIntfStatus(const Ip::VrfName& vrf) : Kel::Entity(vrf.str()) { kelInputsIs(vrf); }
+  explicit VrfIpIntfStatus(const Ip::VrfName& vrf) : Kel::Entity(kNamedByKey) { kelInputsIs(vrf); }
   const Ip::VrfName& key() const { return vrfName(); }
+  KEL_NAMED_BY_KEY
 
   // Publishing helper: the interface's status, made on first use.
   IpIntfStatusPtr ipIntfStatusNew(const Kanet::IntfId& id) {
@@ -95,8 +97,9 @@ class IntfStatus : public Kel::Entity {
   A(COLLECTION, addr, Addr, Kanet::Ip6AddrWithMask, ::Ip6::AddressInfo)
   KEL_ENTITY(IntfStatus, "Ip6::IntfStatus", KEL_ATTRS_Ip6IntfStatus)
 #undef KEL_ATTRS_Ip6IntfStatus
-  explicit IntfStatus(const Kanet::IntfId& id) : Kel::Entity(id.toString()) { kelInputsIs(id); }
+  explicit IntfStatus(const Kanet::IntfId& id) : Kel::Entity(kNamedByKey) { kelInputsIs(id); }
   const Kanet::IntfId& key() const { return intfId(); }
+  KEL_NAMED_BY_KEY
 };
 using IntfStatusPtr = Kel::Ptr<IntfStatus>;
 
@@ -107,8 +110,9 @@ class VrfIp6IntfStatus : public Kel::Entity {
   A(COLLECTION, ip6IntfStatus, Ip6IntfStatus, Kanet::IntfId, ::Ip6::IntfStatusPtr)
   KEL_ENTITY(VrfIp6IntfStatus, "Ip6::VrfIp6IntfStatus", KEL_ATTRS_VrfIp6IntfStatus)
 #undef KEL_ATTRS_VrfIp6IntfStatus
-  explicit VrfIp6IntfStatus(const Ip::VrfName& vrf) : Kel::Entity(vrf.str()) { kelInputsIs(vrf); }
+  explicit VrfIp6IntfStatus(const Ip::VrfName& vrf) : Kel::Entity(kNamedByKey) { kelInputsIs(vrf); }
   const Ip::VrfName& key() const { return vrfName(); }
+  KEL_NAMED_BY_KEY
 };
 using VrfIp6IntfStatusPtr = Kel::Ptr<VrfIp6IntfStatus>;
 

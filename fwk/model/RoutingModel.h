@@ -56,9 +56,7 @@ class RouteT : public Kel::Entity {
 #undef KEL_ATTRS_RoutingRoute
 
   explicit RouteT(const Key& k) : Kel::Entity(kNamedByKey) { kelInputsIs(k); }
-
- protected:
-  Kel::Name kelKeyName() const override { return key().toString(); }
+  KEL_NAMED_BY_KEY
 };
 
 template <class KeyT, class AddrT>
