@@ -37,7 +37,7 @@ struct AttributeInfo {
 class Entity : public PtrInterface, public NotifierBase {
  public:
   // Its name: the text it was made with or, for an entity named by its key (made with
-  // kNamedByKey: a route, one of a million), its key's text, made when asked.
+  // kNamedByKey: routes, interface and VRF status entries), its key's text, made when asked.
   Name name() const { return text_ ? Name(*text_) : kelKeyName(); }
   // Kept by the framework for the state database's lifecycle; the module's logic ignores it. A
   // change is reported to the notifiees as LifeEvent::isNondestructing.

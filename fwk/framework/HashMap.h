@@ -44,13 +44,16 @@ class HashMap {
   // Values that cannot be moved are built in place; such a value exists exactly while its node
   // is live.
   static constexpr bool kInPlace = !std::is_move_assignable_v<V>;
+  // at(): where the value is (or will be built), read or not.
   struct Held {
     V v{};
     V& get() { return v; }
+    const V* at() const { return &v; }
   };
   struct Built {
     alignas(V) unsigned char raw[sizeof(V)];
     V& get() { return *std::launder(reinterpret_cast<V*>(raw)); }
+    const V* at() const { return reinterpret_cast<const V*>(raw); }
   };
 
   struct Node {
@@ -250,11 +253,7 @@ class HashMap {
     if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
-    if constexpr (kInPlace) {
-      return reinterpret_cast<const V*>(n->cell.raw);
-    } else {
-      return &n->cell.v;
-    }
+    return n->cell.at();
   }
   // The key of the live member `n` places after the first in order (0: the first), or null
   // when there are not that many; walks n + 1 members.
