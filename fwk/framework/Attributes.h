@@ -34,7 +34,9 @@
 // Mutators of values notify only when the value changes; collection mutators notify with the key
 // (nameDelAll once per key). The nested Notifiee has onCap() for single attributes, onCap(key)
 // and onCapkelImmediate() for keyed ones; unless overridden, each reports the attribute to
-// kelAttributeChanged (the generic notifiee adapter, GenericIfAdapter.h, records it).
+// kelAttributeChanged (the generic notifiee adapter, GenericIfAdapter.h, records it). Keyed ones
+// also have onCapkelAhead(key), a cache hint nameDelAll gives a few keys before it deletes them:
+// no change, and nothing is recorded unless overridden.
 // The introspection tables kelAttributes() and kelAccess() and the generic interface come from
 // the same list (GenericAccess.h); KEL_TWIN_NAMES renames attributes of a twin instance.
 // INPUT attributes must be initialised by the type's constructor (kelInputsIs(params...) sets them
@@ -174,9 +176,11 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_CB_HANDLER(name, Cap)
 #define KEL_CB_ACTION(name, Cap)
 #define KEL_CB_CHILD(name, Cap, ...) KEL_CB_ONE_(name, Cap)
-#define KEL_CB_KEYED_(name, Cap, Key)                                       \
-  virtual void on##Cap(const Key&) { kelAttributeChanged(kelAttr_##name); } \
-  virtual void on##Cap##kelImmediate() { kelAttributeChanged(kelAttr_##name); }
+#define KEL_CB_KEYED_(name, Cap, Key)                                                    \
+  virtual void on##Cap(const Key&) { kelAttributeChanged(kelAttr_##name); }              \
+  virtual void on##Cap##kelImmediate() { kelAttributeChanged(kelAttr_##name); }          \
+  /* A hint from nameDelAll: key will be deleted (and notified) a few steps from now. */ \
+  virtual void on##Cap##kelAhead(const Key&) {}
 #define KEL_CB_COLLECTION(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
 #define KEL_CB_CHILDREN(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
 #define KEL_CB_ENTRIES(name, Cap, Key, ...) KEL_CB_KEYED_(name, Cap, Key)
@@ -275,7 +279,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     if (!name##_.erase(k)) return;                                                                 \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
   }                                                                                                \
-  KEL_DEL_ALL_(name, Key)                                                                          \
+  KEL_DEL_ALL_(name, Cap, Key)                                                                     \
   /* Tells every notifiee to rescan the whole collection. */                                       \
   void name##Resync() const {                                                                      \
     kelNotify([](Notifiee& n) { n.on##Cap##kelImmediate(); });                                     \
@@ -313,24 +317,35 @@ void checkReinstantiation(const T& existing, const Args&... args) {
  private:                                                                       \
   ::Kel::Ptr<Type> name##_;
 
-// Removes every member of `name`, each through nameDel so that each is notified.
-#define KEL_DEL_ALL_(name, Key)                 \
-  void name##DelAll() {                         \
-    for (auto it = name##_.begin(); it; ++it) { \
-      const Key k = it.key();                   \
-      name##Del(k);                             \
-    }                                           \
+// Removes every member of `name`, each through nameDel so that each is notified. Each notifiee
+// is also told, by onCapkelAhead(key), the key that will go kPrefetchAhead deletions later, so
+// that it can ask for the lines its own handling of that key will read (a withdraw-all of a
+// million routes waits mostly on such misses). The hint changes nothing and is not a change.
+#define KEL_DEL_ALL_(name, Cap, Key)                                          \
+  void name##DelAll() {                                                       \
+    auto ahead = name##_.begin();                                             \
+    for (std::size_t i = 0; i < ::Kel::kPrefetchAhead && ahead; ++i) ++ahead; \
+    for (auto it = name##_.begin(); it; ++it) {                               \
+      if (ahead) {                                                            \
+        const Key& a = ahead.key();                                           \
+        name##_.prefetchSlot(a);                                              \
+        kelNotify([&a](Notifiee& n) { n.on##Cap##kelAhead(a); });             \
+        ++ahead;                                                              \
+      }                                                                       \
+      const Key k = it.key();                                                 \
+      name##Del(k);                                                           \
+    }                                                                         \
   }
 
 // What the keyed collections of entities share: lookup (null when absent), DelAll, iteration,
 // count, and the storage.
-#define KEL_PTR_MEMBERS_(name, Key, Type)                                                   \
+#define KEL_PTR_MEMBERS_(name, Cap, Key, Type)                                              \
  public:                                                                                    \
   ::Kel::Ptr<Type> name(const Key& k) const {                                               \
     const ::Kel::Ptr<Type>* v = name##_.find(k);                                            \
     return v ? *v : ::Kel::Ptr<Type>();                                                     \
   }                                                                                         \
-  KEL_DEL_ALL_(name, Key)                                                                   \
+  KEL_DEL_ALL_(name, Cap, Key)                                                              \
   typename ::Kel::HashMap<Key, ::Kel::Ptr<Type>>::Iterator name##Iterator() const {         \
     return name##_.begin();                                                                 \
   }                                                                                         \
@@ -341,7 +356,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   ::Kel::HashMap<Key, ::Kel::Ptr<Type>> name##_;
 
 #define KEL_MEMBER_CHILDREN(name, Cap, Key, Type)                \
-  KEL_PTR_MEMBERS_(name, Key, Type)                              \
+  KEL_PTR_MEMBERS_(name, Cap, Key, Type)                         \
  public:                                                         \
   template <class... Args>                                       \
   ::Kel::Ptr<Type> name##Is(const Key& k, const Args&... args) { \
@@ -361,7 +376,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   }
 
 #define KEL_MEMBER_ENTRIES(name, Cap, Key, Type)                      \
-  KEL_PTR_MEMBERS_(name, Key, Type)                                   \
+  KEL_PTR_MEMBERS_(name, Cap, Key, Type)                              \
  public:                                                              \
   ::Kel::Ptr<Type> name##Is(const Key& k) {                           \
     if (const ::Kel::Ptr<Type>* have = name##_.find(k)) return *have; \

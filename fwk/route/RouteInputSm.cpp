@@ -50,6 +50,14 @@ void RouteInputSmT<Traits>::KelRouteInput::onRoute(const Key& key) {
   owner_->handleRoute(key);
 }
 
+// A withdraw-all names each key a few deletions early: onRoute will then find the key's adapter
+// slot and its place in the backlog, so those lines are asked for now.
+template <class Traits>
+void RouteInputSmT<Traits>::KelRouteInput::onRoutekelAhead(const Key& key) {
+  owner_->routeCollection().prefetchSlot(key);
+  if (owner_->initialized()) owner_->routeBacklog()->backlogCollection().prefetchSlot(key);
+}
+
 template <class Traits>
 void RouteInputSmT<Traits>::KelRouteInput::onRoutekelImmediate() {
   const RouteInput& input = *owner_->routeInput();

@@ -62,6 +62,7 @@ class RouteInputSmT : public Kel::Reactor {
     void onRoutingProto() override { owner_->handleInitialized(); }
     void onRoute(const Key& key) override;
     void onRoutekelImmediate() override;
+    void onRoutekelAhead(const Key& key) override;
     RouteInputSmT* owner() const { return owner_; }
 
    private:

@@ -85,6 +85,37 @@ TEST(Notification, UnchangedValueDeliversNothingAndChangesDeliverInRegistrationO
                                               "a.member5", "b.member5"}));
 }
 
+// A withdraw-all hints each key kPrefetchAhead deletions before it goes; the hint is no change.
+TEST(Notification, DelAllHintsEachKeyAheadOfItsDeletionAndTheHintIsNoChange) {
+  struct AheadProbe : Probe {
+    using Probe::Probe;
+    void onMemberkelAhead(const int& k) override {
+      events.push_back(label + ".ahead" + std::to_string(k));
+    }
+  };
+  struct Counting : Watched::Notifiee {
+    int changes = 0;
+    void kelAttributeChanged(unsigned) override { ++changes; }
+  };
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  const int n = static_cast<int>(Kel::kPrefetchAhead) + 4;
+  for (int k = 0; k < n; ++k) w->memberIs(k, true);
+  AheadProbe a("a", w);
+  Counting generic;
+  generic.notifierIs(w);
+  w->memberDelAll();
+  std::vector<std::string> want;
+  for (int k = 0; k < n; ++k) {
+    const int ahead = k + static_cast<int>(Kel::kPrefetchAhead);
+    if (ahead < n) want.push_back("a.ahead" + std::to_string(ahead));
+    want.push_back("a.member" + std::to_string(k));
+  }
+  EXPECT_EQ(events, want);
+  EXPECT_EQ(generic.changes, n);
+  EXPECT_EQ(w->memberCount(), 0u);
+}
+
 TEST(Notification, NotifieeRegisteredDuringDeliveryWaitsForNextChange) {
   events.clear();
   auto w = Kel::make<Watched>(1);
