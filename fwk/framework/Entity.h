@@ -41,10 +41,10 @@ class Entity : public PtrInterface, public NotifierBase {
   Name name() const { return text_ ? Name(*text_) : kelKeyName(); }
   // Kept by the framework for the state database's lifecycle; the module's logic ignores it. A
   // change is reported to the notifiees as LifeEvent::isNondestructing.
-  bool isNondestructing() const { return isNondestructing_; }
+  bool isNondestructing() const { return kelSpare_ != 0; }
   void isNondestructingIs(bool v) {
-    if (v == isNondestructing_) return;
-    isNondestructing_ = v;
+    if (v == isNondestructing()) return;
+    kelSpare_ = v ? 1 : 0;
     kelLifeEventIs(LifeEvent::isNondestructing);
   }
   // The registered name of a declared attribute; a twin type that registers other names than
@@ -69,7 +69,6 @@ class Entity : public PtrInterface, public NotifierBase {
 
  private:
   std::unique_ptr<const std::string> text_;  // null: no name, or named by its key
-  bool isNondestructing_ = false;
   static inline long live_ = 0;
 };
 

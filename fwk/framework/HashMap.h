@@ -56,14 +56,50 @@ class HashMap {
     const V* at() const { return reinterpret_cast<const V*>(raw); }
   };
 
+  // The value last: a small one (a backlog's or a next-hop set's bool) then shares the word of
+  // `live` instead of taking one of its own.
   struct Node {
     K key{};
-    std::conditional_t<kInPlace, Built, Held> cell;
     std::uint32_t prev = kNil;
     std::uint32_t next = kNil;  // order list; the free list for unused nodes
     std::uint32_t hash = 0;
     bool live = false;
+    std::conditional_t<kInPlace, Built, Held> cell;
     V& value() { return cell.get(); }
+  };
+  // What only a larger collection needs (further node blocks, the index), behind one pointer.
+  // In one allocation: the index, then the pointers to the node blocks after the first (block b
+  // at more()[b - 1]), exactly as many as there are; it is made again each time a block is added
+  // (about twenty times for a million members), so finding a node costs no more loads than a
+  // separate array of block pointers would.
+  struct Spill {
+    std::unique_ptr<std::uint64_t[]> slots;
+    std::uint32_t slotCount = 0;  // a power of two, or 0 while the collection is small
+    std::uint32_t moreCount = 0;
+    Node** more() { return reinterpret_cast<Node**>(this + 1); }
+
+    // A spill with room for `count` block pointers, the first `keep` taken from `from` (which
+    // gives them up, and its index with them) and the rest null.
+    static Spill* make(std::uint32_t count, Spill* from, std::uint32_t keep) {
+      void* raw = ::operator new(sizeof(Spill) + count * sizeof(Node*));
+      Spill* sp = ::new (raw) Spill;
+      sp->moreCount = count;
+      for (std::uint32_t j = 0; j < count; ++j)
+        sp->more()[j] = j < keep ? from->more()[j] : nullptr;
+      if (from) {
+        sp->slots = std::move(from->slots);
+        sp->slotCount = std::exchange(from->slotCount, 0);
+        from->moreCount = 0;
+      }
+      return sp;
+    }
+    struct Deleter {
+      void operator()(Spill* sp) const {
+        for (std::uint32_t j = 0; j < sp->moreCount; ++j) delete[] sp->more()[j];
+        sp->~Spill();
+        ::operator delete(sp);
+      }
+    };
   };
 
  public:
@@ -86,7 +122,7 @@ class HashMap {
     if (n <= kSmall && unindexed()) return;
     std::size_t cap = 16;
     while (cap * 3 < n * 4) cap *= 2;
-    if (cap > slotCount_) rehash(cap);
+    if (cap > slotCount()) rehash(cap);
   }
 
   const V* find(const K& k) const {
@@ -244,12 +280,12 @@ class HashMap {
   // key whose 32-bit hash collides may name another member's value, which is harmless for a
   // hint).
   void prefetchSlot(const K& k) const {
-    if (!unindexed()) prefetch(&slots_[mix(k) & (slotCount_ - 1)]);
+    if (!unindexed()) prefetch(&spill_->slots[mix(k) & (spill_->slotCount - 1)]);
   }
   const V* prefetchNode(const K& k) const {
     if (unindexed()) return nullptr;
     const std::uint32_t h = mix(k);
-    const std::uint64_t s = slots_[h & (slotCount_ - 1)];
+    const std::uint64_t s = spill_->slots[h & (spill_->slotCount - 1)];
     if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
@@ -279,7 +315,7 @@ class HashMap {
   Node& node(std::uint32_t i) const {
     if (i == 0) return first_;
     const unsigned b = blockOf(i);
-    return more_[b - 1][i + 1u - (1u << b)];
+    return spill_->more()[b - 1][i + 1u - (1u << b)];
   }
 
   // The node of k, made (and linked at the back, not yet live) when the index has none.
@@ -288,8 +324,8 @@ class HashMap {
     std::uint32_t i = lookup(k, h);
     if (i != kNil) return {i, false};
     if (unindexed() ? indexed_ + 1 > kSmall
-                    : (std::size_t{indexed_} + 1) * 4 > std::size_t{slotCount_} * 3) {
-      rehash(unindexed() ? 16 : std::size_t{slotCount_} * 2);
+                    : (std::size_t{indexed_} + 1) * 4 > std::size_t{slotCount()} * 3) {
+      rehash(unindexed() ? 16 : std::size_t{slotCount()} * 2);
     }
     i = allocate();
     Node& n = node(i);
@@ -309,7 +345,8 @@ class HashMap {
     return true;
   }
 
-  bool unindexed() const { return slotCount_ == 0; }
+  std::uint32_t slotCount() const { return spill_ ? spill_->slotCount : 0; }
+  bool unindexed() const { return slotCount() == 0; }
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
     if (unindexed()) {  // small: every node of the index is on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
@@ -317,9 +354,10 @@ class HashMap {
       }
       return kNil;
     }
-    const std::size_t mask = slotCount_ - 1;
+    const std::uint64_t* slots = spill_->slots.get();
+    const std::size_t mask = spill_->slotCount - 1;
     for (std::size_t p = h & mask;; p = (p + 1) & mask) {
-      const std::uint64_t s = slots_[p];
+      const std::uint64_t s = slots[p];
       if (s == 0) return kNil;
       if (static_cast<std::uint32_t>(s >> 32) == h) {
         const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
@@ -328,15 +366,20 @@ class HashMap {
     }
   }
   void place(std::uint32_t h, std::uint32_t i) {
-    const std::size_t mask = slotCount_ - 1;
+    std::uint64_t* slots = spill_->slots.get();
+    const std::size_t mask = spill_->slotCount - 1;
     std::size_t p = h & mask;
-    while (slots_[p] != 0) p = (p + 1) & mask;
-    slots_[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
+    while (slots[p] != 0) p = (p + 1) & mask;
+    slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
+  }
+  Spill& spill() {
+    if (!spill_) spill_.reset(Spill::make(0, nullptr, 0));
+    return *spill_;
   }
   void rehash(std::size_t cap) {
     std::unique_ptr<std::uint64_t[]> old = std::make_unique<std::uint64_t[]>(cap);  // zeroed
-    old.swap(slots_);
-    const std::size_t oldCount = std::exchange(slotCount_, static_cast<std::uint32_t>(cap));
+    old.swap(spill().slots);
+    const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
     if (oldCount == 0) {  // leaving small: index the nodes on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(node(i).hash, i);
       return;
@@ -348,21 +391,22 @@ class HashMap {
   }
   // Removes node i's slot, shifting the run after it back so no probe chain breaks.
   void unplace(std::uint32_t i) {
-    const std::size_t mask = slotCount_ - 1;
+    std::uint64_t* slots = spill_->slots.get();
+    const std::size_t mask = spill_->slotCount - 1;
     std::size_t p = node(i).hash & mask;
-    while (static_cast<std::uint32_t>(slots_[p]) - 1 != i) p = (p + 1) & mask;
+    while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = (p + 1) & mask;
     for (std::size_t q = (p + 1) & mask;; q = (q + 1) & mask) {
-      const std::uint64_t s = slots_[q];
+      const std::uint64_t s = slots[q];
       if (s == 0) break;
       const std::size_t home = static_cast<std::uint32_t>(s >> 32) & mask;
       // s may move to p when its home is not in the cyclic range (p, q].
       const bool inRange = p <= q ? (home > p && home <= q) : (home > p || home <= q);
       if (!inRange) {
-        slots_[p] = s;
+        slots[p] = s;
         p = q;
       }
     }
-    slots_[p] = 0;
+    slots[p] = 0;
   }
 
   std::uint32_t allocate() {
@@ -371,10 +415,9 @@ class HashMap {
       const std::uint32_t base = (1u << b) - 1u;
       const std::uint32_t count = 1u << b;
       if (b > 0) {  // the array of block pointers is sized exactly; it grows about twenty times
-        auto grown = std::make_unique<std::unique_ptr<Node[]>[]>(b);
-        for (std::uint32_t j = 0; j + 1 < b; ++j) grown[j] = std::move(more_[j]);
-        grown[b - 1] = std::make_unique<Node[]>(count);
-        more_ = std::move(grown);
+        std::unique_ptr<Node[]> block(new Node[count]);
+        spill_.reset(Spill::make(b, spill_.get(), b - 1));
+        spill_->more()[b - 1] = block.release();
       }
       ++blocks_;
       for (std::uint32_t j = count; j-- > 0;) {
@@ -427,10 +470,8 @@ class HashMap {
   // An empty collection gives its storage back: a backlog that held a million keys for one
   // drain does not keep their nodes.
   void release() {
-    more_.reset();
+    spill_.reset();
     blocks_ = 0;
-    slots_.reset();
-    slotCount_ = 0;
     head_ = tail_ = free_ = kNil;
   }
   // After an erase: tombstones at the front go at once, the others when they pile up.
@@ -448,12 +489,11 @@ class HashMap {
     self->maybePurge();
   }
 
-  // Every route of the state database holds a map for its next hops: the first node inside, the
-  // other blocks behind one pointer, and 32-bit counts (node indexes are 32-bit anyway).
+  // Every route of the state database holds a map for its next hops: the first node inside,
+  // the rest behind one pointer (Spill), and 32-bit counts (node indexes are 32-bit anyway).
   mutable Node first_;
-  std::unique_ptr<std::unique_ptr<Node[]>[]> more_;  // block b at more_[b - 1]
-  std::unique_ptr<std::uint64_t[]> slots_;
-  std::uint32_t slotCount_ = 0;  // a power of two, or 0 while the collection is small
+  std::unique_ptr<Spill, typename Spill::Deleter>
+      spill_;  // null until a second node or the index is needed
   std::uint32_t head_ = kNil;
   std::uint32_t tail_ = kNil;
   std::uint32_t free_ = kNil;

@@ -7,6 +7,7 @@
 // from null raises Kel::Exception "null ValidPtr". Single-threaded: counts are plain integers.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -46,13 +47,17 @@ class PtrInterface {
   virtual ~PtrInterface() {
     if (refs_ != 0) {
       std::fprintf(stderr, "Kel::PtrInterface: object %p destroyed while referenced (%ld)\n",
-                   static_cast<const void*>(this), refs_);
+                   static_cast<const void*>(this), static_cast<long>(refs_));
       std::abort();
     }
   }
 
+  // A byte beside the count that the derived class may use (an entity keeps its lifecycle flag
+  // here): it fills what would be padding, so a million routes do not each pay 8 bytes for it.
+  std::uint8_t kelSpare_ = 0;
+
  private:
-  mutable long refs_ = 0;
+  mutable std::uint32_t refs_ = 0;
 };
 
 template <class T>
