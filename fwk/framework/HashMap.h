@@ -492,8 +492,8 @@ class HashMap {
   // Every route of the state database holds a map for its next hops: the first node inside,
   // the rest behind one pointer (Spill), and 32-bit counts (node indexes are 32-bit anyway).
   mutable Node first_;
-  std::unique_ptr<Spill, typename Spill::Deleter>
-      spill_;  // null until a second node or the index is needed
+  // Null until a second node or the index is needed.
+  std::unique_ptr<Spill, typename Spill::Deleter> spill_;
   std::uint32_t head_ = kNil;
   std::uint32_t tail_ = kNil;
   std::uint32_t free_ = kNil;
