@@ -460,7 +460,17 @@ class HashMap {
   // Tombstones at the front have no live member before them: forgetting them changes no walk
   // or resumption (a forgotten key resumes at the front, which is where its successor is), and
   // it keeps a collection drained from the front (a backlog) from piling them up.
+  // When every member is a tombstone (a collection emptied while a walk was alive, as a
+  // withdraw-all does), they all go at once with the storage, instead of one index removal each.
   void trimHead() {
+    if (live_ == 0 && head_ != kNil) {
+      first_.key = K{};
+      first_.live = false;
+      indexed_ = 0;
+      dead_ = 0;
+      release();
+      return;
+    }
     while (head_ != kNil && !node(head_).live) {
       forget(head_);
       --dead_;

@@ -108,10 +108,21 @@ TEST(HashMap, WalkThatErasesAsItGoesVisitsEveryMemberOnce) {
     if (i == 0 || (i - 1) % 7 != 0) expected.push_back(i);
   EXPECT_EQ(seen, expected);
   EXPECT_TRUE(m.empty());
-  // Tombstones are purged once no walk is alive.
+  // Tombstones are purged once no walk is alive: all at once here, every member being one, and
+  // the collection starts afresh (its index rebuilt as it grows again).
   m.insert(5000, 1);
   EXPECT_EQ(m.tombstones(), 0u);
   EXPECT_EQ(walk(m), std::vector<int>{5000});
+  std::vector<int> again{5000};
+  for (int i = 20; i-- > 0;) {
+    m.insert(i, -i);
+    again.push_back(i);
+  }
+  EXPECT_EQ(walk(m), again);
+  EXPECT_EQ(m.size(), 21u);
+  ASSERT_TRUE(m.find(13));
+  EXPECT_EQ(*m.find(13), -13);
+  EXPECT_FALSE(m.find(500));
 }
 
 TEST(HashMap, ResumeAtErasedKeyStartsAtItsSuccessor) {
