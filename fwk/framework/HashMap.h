@@ -7,8 +7,8 @@
 //   it; a key the collection has never held (or has forgotten, see below) starts at the front.
 // Erased members stay in the order as tombstones; those at the front are dropped as soon as no
 // iterator is alive, the others once no iterator is alive and they outnumber the live ones (then
-// in one pass; amortised O(1) per erase). A key inserted again while its tombstone is kept takes
-// its old place in the order.
+// in one pass; amortised O(1) per erase); when none is live, all go at once with the storage. A
+// key inserted again while its tombstone is kept takes its old place in the order.
 // Values are returned by pointer; a pointer is valid until its member is erased.
 // Layout, chosen for collections of a million members (a routing table's keys): members live in
 // pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
