@@ -78,9 +78,10 @@ class HashMap {
     std::uint32_t moreCount = 0;
     Node** more() { return reinterpret_cast<Node**>(this + 1); }
 
-    // A spill with room for `count` block pointers, the first `keep` taken from `from` (which
-    // gives them up, and its index with them) and the rest null.
-    static Spill* make(std::uint32_t count, Spill* from, std::uint32_t keep) {
+    // A spill with room for `count` block pointers: those of `from` (which gives them up, and its
+    // index with them; null: none), then null ones.
+    static Spill* make(std::uint32_t count, Spill* from) {
+      const std::uint32_t keep = from ? from->moreCount : 0;
       void* raw = ::operator new(sizeof(Spill) + count * sizeof(Node*));
       Spill* sp = ::new (raw) Spill;
       sp->moreCount = count;
@@ -373,7 +374,7 @@ class HashMap {
     slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
   }
   Spill& spill() {
-    if (!spill_) spill_.reset(Spill::make(0, nullptr, 0));
+    if (!spill_) spill_.reset(Spill::make(0, nullptr));
     return *spill_;
   }
   void rehash(std::size_t cap) {
@@ -416,7 +417,7 @@ class HashMap {
       const std::uint32_t count = 1u << b;
       if (b > 0) {  // the array of block pointers is sized exactly; it grows about twenty times
         std::unique_ptr<Node[]> block(new Node[count]);
-        spill_.reset(Spill::make(b, spill_.get(), b - 1));
+        spill_.reset(Spill::make(b, spill_.get()));
         spill_->more()[b - 1] = block.release();
       }
       ++blocks_;
@@ -464,10 +465,6 @@ class HashMap {
   // withdraw-all does), they all go at once with the storage, instead of one index removal each.
   void trimHead() {
     if (live_ == 0 && head_ != kNil) {
-      first_.key = K{};
-      first_.live = false;
-      indexed_ = 0;
-      dead_ = 0;
       release();
       return;
     }
@@ -477,12 +474,15 @@ class HashMap {
     }
     if (indexed_ == 0) release();
   }
-  // An empty collection gives its storage back: a backlog that held a million keys for one
-  // drain does not keep their nodes.
+  // A collection with no live member gives its storage back and forgets its tombstones: a
+  // backlog that held a million keys for one drain does not keep their nodes.
   void release() {
     spill_.reset();
     blocks_ = 0;
     head_ = tail_ = free_ = kNil;
+    indexed_ = 0;
+    dead_ = 0;
+    first_.key = K{};
   }
   // After an erase: tombstones at the front go at once, the others when they pile up.
   void settle() {
