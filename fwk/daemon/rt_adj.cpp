@@ -4,7 +4,8 @@
 //
 // An entry at gateway j is on the list of adj_ifaps[j] at position adj_pos[j]; removal swaps the
 // list's last reference into the hole and fixes that entry's position, so both directions stay
-// O(1). A one-gateway set lives inside the entry; a larger one is a single block.
+// O(1). A one-gateway set lives inside the entry; a larger one is a single block. The gateway
+// addresses themselves are shared copies (rt_addr.cpp).
 #include <new>
 #include <string>
 #include <utility>
@@ -54,8 +55,7 @@ void refDel(rt_entry* rt, int j) {
 
 // Bytes of a separately stored adjacency of n gateways.
 std::size_t adjBytes(int n) {
-  return static_cast<std::size_t>(n) *
-         (sizeof(sockaddr_un*) + sizeof(if_addr*) + sizeof(uint32_t) + sizeof(sockaddr_un));
+  return static_cast<std::size_t>(n) * (sizeof(sockaddr_un*) + sizeof(if_addr*) + sizeof(uint32_t));
 }
 
 bool sameGateways(const rt_entry* rt, int n, sockaddr_un* const* routers) {
@@ -87,25 +87,31 @@ namespace corvd_rt {
 
 void clearAdj(rt_entry* rt) {
   rt_adjacency& adj = rt->rt_adj;
-  for (int j = 0; j < adj.adj_n_gw; ++j) refDel(rt, j);
+  for (int j = 0; j < adj.adj_n_gw; ++j) {
+    refDel(rt, j);
+    addrUnshare(adj.adj_routers[j]);
+  }
   if (adj.adj_n_gw > 1) ::operator delete(adj.adj_routers);
   adj = rt_adjacency{0, nullptr, nullptr, nullptr};
 }
 
 void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* ifaps) {
+  // The new set is read before the old one is let go: `routers` and `ifaps` may point into it.
+  sockaddr_un* shared[RT_N_MULTIPATH];
+  if_addr* users[RT_N_MULTIPATH];
+  for (int j = 0; j < n; ++j) {
+    shared[j] = addrShare(*routers[j]);
+    users[j] = ifaps ? ifaps[j] : nullptr;
+  }
   clearAdj(rt);
   rt_adjacency& adj = rt->rt_adj;
-  sockaddr_un* copies;
   if (n == 1) {
     adj.adj_routers = &rt->rt_inl_router;
     adj.adj_ifaps = &rt->rt_inl_ifap;
     adj.adj_pos = &rt->rt_inl_pos;
-    copies = &rt->rt_inl_addr;
   } else if (n > 1) {
-    // One block: the pointer arrays first (most aligned), then the positions, then the copies.
+    // One block: the pointer arrays first (most aligned), then the positions.
     auto* block = static_cast<unsigned char*>(::operator new(adjBytes(n)));
-    copies = reinterpret_cast<sockaddr_un*>(block + static_cast<std::size_t>(n) *
-                                                        (2 * sizeof(void*) + sizeof(uint32_t)));
     adj.adj_routers = reinterpret_cast<sockaddr_un**>(block);
     adj.adj_ifaps =
         reinterpret_cast<if_addr**>(block + static_cast<std::size_t>(n) * sizeof(void*));
@@ -114,10 +120,8 @@ void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* if
   }
   adj.adj_n_gw = n;
   for (int j = 0; j < n; ++j) {
-    copies[j] = *routers[j];
-    copies[j].sa_plen = SA_PLEN_NONE;
-    adj.adj_routers[j] = &copies[j];
-    adj.adj_ifaps[j] = ifaps ? ifaps[j] : nullptr;
+    adj.adj_routers[j] = shared[j];
+    adj.adj_ifaps[j] = users[j];
     refAdd(rt, j);
   }
 }

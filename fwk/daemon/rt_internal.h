@@ -1,7 +1,7 @@
 // What the routing table's own files share; not for callers of the daemon. rt_table.cpp owns the
 // prefixes, the entries and their selection order; rt_adj.cpp an entry's gateway set and the
-// interface addresses it uses; gw.cpp the gateway records and their route queues; ptree.cpp the
-// gateways' IPv6 prefix trees.
+// interface addresses it uses; rt_addr.cpp the gateway addresses, one copy per distinct address;
+// gw.cpp the gateway records and their route queues; ptree.cpp the gateways' IPv6 prefix trees.
 //
 // Each file keeps its own state; they meet only through these functions. Entries and gateways
 // live in record arenas (record_arena.h) that never give a gone record's address to another, so
@@ -10,6 +10,7 @@
 // that is gone, corvd_reset).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "fwk/daemon/rt_table.h"
@@ -34,8 +35,8 @@ void reorder(rt_entry* rt);
 void removeEntry(rt_entry* rt);
 
 // rt_adj.cpp
-// Replaces the entry's gateway set with copies of `routers` (served by `ifaps`, which may be
-// null) and enters it on those addresses' route lists.
+// Replaces the entry's gateway set with shared copies of `routers` (served by `ifaps`, which may
+// be null) and enters it on those addresses' route lists. Both may point into the old set.
 void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* ifaps);
 // Leaves the addresses' route lists and frees the gateway set (0 gateways after).
 void clearAdj(rt_entry* rt);
@@ -55,6 +56,12 @@ void gwQueueRemove(rt_entry* rt);
 // Removes every live gateway's entries, releases the gateways' addresses and forgets all
 // gateway records. For rt_table_reset only.
 void gwReset();
+
+// rt_addr.cpp
+// The shared copy of a gateway address (sa_plen set to SA_PLEN_NONE), with one more user.
+sockaddr_un* addrShare(const sockaddr_un& addr);
+// One user fewer of a copy addrShare returned; the last one frees it.
+void addrUnshare(sockaddr_un* addr);
 
 // ptree.cpp
 // Enters a new IPv6 entry in its gateway's tree when the gateway has none for the prefix.

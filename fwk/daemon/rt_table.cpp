@@ -298,16 +298,9 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp) {
     return nullptr;  // refused by result, as in rt_add
   }
   if (corvd_take_rt_change_failure()) return nullptr;
-  // Copy the new gateways before the old adjacency (which they may point into) is released.
-  std::vector<sockaddr_un> gw(static_cast<std::size_t>(rtcp->rtcp_n_gw));
-  for (std::size_t j = 0; j < gw.size(); ++j) gw[j] = *rtcp->rtcp_gateway[j];
-  std::vector<sockaddr_un*> gwp(gw.size());
-  for (std::size_t j = 0; j < gw.size(); ++j) gwp[j] = &gw[j];
-  std::vector<if_addr*> ifaps(gw.size(), nullptr);
-  if (rtcp->rtcp_ifaps) std::copy_n(rtcp->rtcp_ifaps, gw.size(), ifaps.begin());
   rt->rt_preference = rtcp->rtcp_preference;
   rt->rt_state &= ~(RTS_SETASIDE | RTS_SETASIDE_ZERO);  // the caller's preference stands
-  setAdj(rt, rtcp->rtcp_n_gw, gwp.data(), ifaps.data());
+  setAdj(rt, rtcp->rtcp_n_gw, rtcp->rtcp_gateway, rtcp->rtcp_ifaps);
   setAsideIfDown(rt);
   reorder(rt);
   return rt;

@@ -52,7 +52,7 @@ extern rt_rib rib;
 // Gateway set of an entry: adj_n_gw parallel entries.
 typedef struct _rt_adjacency {
   int adj_n_gw;               // number of gateways (0 for a blackhole)
-  sockaddr_un** adj_routers;  // gateway addresses (daemon copies)
+  sockaddr_un** adj_routers;  // gateway addresses (daemon copies, shared by equal addresses)
   if_addr** adj_ifaps;        // interface address per gateway (may be null)
   uint32_t* adj_pos;          // daemon bookkeeping (position on the address's route list)
 } rt_adjacency;
@@ -72,12 +72,11 @@ typedef struct _rt_entry {
   uint32_t rt_metric;            // metric (stored only)
   uint32_t rt_tag;               // route tag
   uint32_t rt_magic;             // daemon liveness tag
+  uint32_t rt_inl_pos;           // adj_pos[0] of a one-gateway adjacency (below)
   rt_adjacency rt_adj;           // gateways
   // Storage of a one-gateway adjacency, to spare an allocation.
   sockaddr_un* rt_inl_router;  // adj_routers[0]
   if_addr* rt_inl_ifap;        // adj_ifaps[0]
-  uint32_t rt_inl_pos;         // adj_pos[0]
-  sockaddr_un rt_inl_addr;     // *adj_routers[0]
 } rt_entry;
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
@@ -165,6 +164,9 @@ bool rt_entry_alive(const rt_entry* rt);
 std::size_t rt_record_pages();
 // Route-reference lists alive in the process (one per interface address that entries use).
 std::size_t rt_ref_list_count();
+// Distinct gateway addresses held by entries (of every instance); entries through the same
+// address share one copy.
+std::size_t rt_gateway_addr_count();
 
 // Interface-table hooks (called by the interface table only).
 void rt_ifa_down(if_addr* ifap);     // set aside the entries using ifap

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <map>
 #include <random>
+#include <set>
 #include <tuple>
 #include <vector>
 
@@ -137,6 +138,11 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
         if_addr* ifaps[RT_N_MULTIPATH] = {};
         resolve(hops, v6(it->first), routers, ifaps);
         rt_change_parms rtcp{pick(6) * 10 - 10, static_cast<int>(hops.size()), routers, ifaps};
+        if (op < 45) {  // the entry's own gateway set, as a caller re-pointing its routes passes it
+          hops = e.hops;
+          rtcp = {rtcp.rtcp_preference, e.rt->rt_adj.adj_n_gw, e.rt->rt_adj.adj_routers,
+                  e.rt->rt_adj.adj_ifaps};
+        }
         rt_entry* rt = rt_change_s(e.rt, &rtcp);
         if (m.exists(it->first, e.gw, hops, e.rt)) {
           ASSERT_EQ(rt, nullptr);  // refused by result: not a misuse
@@ -177,6 +183,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
     ASSERT_EQ(corvd_misuse_count(), misuses) << misuseText();
     if (step % 50 != 0) continue;
     std::size_t entries = 0;
+    std::set<int> gateways;  // distinct gateway addresses in use: hop number and family
     for (auto& [p, list] : m.byPrefix) {
       entries += list.size();
       std::vector<const ModelEntry*> order;
@@ -195,6 +202,10 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
         ASSERT_EQ(rt, e->rt) << "prefix " << p << " step " << step << "\n" << corvd_show_routes();
         EXPECT_EQ(rt->rt_preference, m.effective(*e));
         EXPECT_EQ(rt->rt_adj.adj_n_gw, static_cast<int>(e->hops.size()));
+        for (std::size_t j = 0; j < e->hops.size(); ++j) {
+          gateways.insert(e->hops[j] * 2 + (v6(p) ? 1 : 0));
+          EXPECT_TRUE(sockaddr_equal(rt->rt_adj.adj_routers[j], hopAddr(e->hops[j], v6(p))));
+        }
         EXPECT_EQ(rt->rt_head, h);
         rt = rt->rt_next;
       }
@@ -224,6 +235,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
     }
     ASSERT_EQ(rt_entry_count(), entries);
     ASSERT_EQ(rt_head_count(), m.byPrefix.size());
+    ASSERT_EQ(rt_gateway_addr_count(), gateways.size());
     std::size_t queued = 0;
     for (auto* g : gw) queued += g->gw_n_routes;
     ASSERT_EQ(queued, entries);
@@ -233,6 +245,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
   rt_close(fwk_task, 0, 1, 0);
   EXPECT_EQ(rt_entry_count(), 0u);
   EXPECT_EQ(rt_head_count(), 0u);
+  EXPECT_EQ(rt_gateway_addr_count(), 0u);
   EXPECT_EQ(gws, nullptr);
   EXPECT_EQ(corvd_misuse_count(), misuses);
 }
