@@ -31,7 +31,9 @@ struct BytesHash {
   }
 };
 
-// Of the whole process, like the entry records that point into it.
+// Of the whole process, like the entry records that point into it. It keeps its storage once
+// made (as many slots as the most distinct next hops ever in use): giving a few hundred bytes
+// back when the last route went would move where the next table's first allocation lands.
 FlatMap<Bytes, Shared*, BytesHash>& shares() {
   static auto* map = new FlatMap<Bytes, Shared*, BytesHash>();
   return *map;
@@ -61,7 +63,6 @@ void addrUnshare(sockaddr_un* addr) {
   if (--s->refs != 0) return;
   shares().erase(bytesOf(s->addr));
   delete s;
-  if (shares().size() == 0) shares() = FlatMap<Bytes, Shared*, BytesHash>();  // storage back
 }
 
 }  // namespace corvd_rt

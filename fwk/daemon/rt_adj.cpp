@@ -3,20 +3,22 @@
 // aside, restore or delete exactly those entries.
 //
 // An entry at gateway j is on the list of adj_ifaps[j] at position adj_pos[j]; removal swaps the
-// list's last reference into the hole and fixes that entry's position, so both directions stay
-// O(1). A one-gateway set lives inside the entry; a larger one is a single block. The gateway
-// addresses themselves are shared copies (rt_addr.cpp).
+// list's last reference into the hole and fixes that entry's position, so both directions cost
+// O(1) for an entry of one gateway (the moved entry's gateways are searched). A one-gateway set
+// lives inside the entry; a larger one is a single block. The gateway addresses themselves are
+// shared copies (rt_addr.cpp).
 #include <new>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "fwk/daemon/misuse.h"
 #include "fwk/daemon/rt_internal.h"
 
-// Entries using one interface address, with the gateway index each uses it at.
+// Entries using one interface address, once per gateway of theirs that uses it. Which gateway
+// a reference stands for is not stored: it is the one of that entry using the address at that
+// position (adj_ifaps[j] and adj_pos[j]), a search of one gateway for almost every entry.
 struct rt_ref_list {
-  std::vector<std::pair<rt_entry*, uint32_t>> refs;
+  std::vector<rt_entry*> refs;
 };
 
 using namespace corvd_rt;
@@ -39,7 +41,17 @@ void refAdd(rt_entry* rt, int j) {
     ++liveLists;
   }
   rt->rt_adj.adj_pos[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
-  a->ifa_routes->refs.emplace_back(rt, static_cast<uint32_t>(j));
+  a->ifa_routes->refs.push_back(rt);
+}
+
+constexpr uint32_t kOffList = UINT32_MAX;  // adj_pos of a gateway taken off its list
+
+// The gateway of `rt` that is on the list of `a` at `pos`.
+int refGateway(const rt_entry* rt, const if_addr* a, uint32_t pos) {
+  const rt_adjacency& adj = rt->rt_adj;
+  int j = 0;
+  while (adj.adj_ifaps[j] != a || adj.adj_pos[j] != pos) ++j;
+  return j;
 }
 
 void refDel(rt_entry* rt, int j) {
@@ -47,9 +59,12 @@ void refDel(rt_entry* rt, int j) {
   if (!a) return;
   auto& refs = a->ifa_routes->refs;
   uint32_t pos = rt->rt_adj.adj_pos[j];
-  refs[pos] = refs.back();
-  refs[pos].first->rt_adj.adj_pos[refs[pos].second] = pos;
+  const auto last = static_cast<uint32_t>(refs.size() - 1);
+  rt_entry* moved = refs[last];
+  moved->rt_adj.adj_pos[refGateway(moved, a, last)] = pos;
+  refs[pos] = moved;
   refs.pop_back();
+  rt->rt_adj.adj_pos[j] = kOffList;  // so that refGateway cannot take it for a later one
   if (refs.empty()) freeList(a);
 }
 
@@ -168,26 +183,30 @@ bool setAsideIfDown(rt_entry* rt) {
 
 void rt_ifa_down(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
-  for (auto& [rt, j] : ifap->ifa_routes->refs) {
+  for (rt_entry* rt : ifap->ifa_routes->refs) {
     if (setAsideIfDown(rt)) reorder(rt);
   }
 }
 
 void rt_ifa_restore(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
-  for (auto& [rt, j] : ifap->ifa_routes->refs) {
+  for (rt_entry* rt : ifap->ifa_routes->refs) {
     if (restoreIfUp(rt)) reorder(rt);
   }
 }
 
 void rt_ifa_gone(if_addr* ifap) {
-  while (ifap->ifa_routes) removeEntry(ifap->ifa_routes->refs.back().first);
+  while (ifap->ifa_routes) removeEntry(ifap->ifa_routes->refs.back());
 }
 
 void rt_ifa_forget(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
   // Entry records are never unmapped (record_arena.h), so this is safe at exit as well.
-  for (auto& [rt, j] : ifap->ifa_routes->refs) rt->rt_adj.adj_ifaps[j] = nullptr;
+  for (rt_entry* rt : ifap->ifa_routes->refs) {
+    for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
+      if (rt->rt_adj.adj_ifaps[j] == ifap) rt->rt_adj.adj_ifaps[j] = nullptr;
+    }
+  }
   freeList(ifap);
 }
 

@@ -93,7 +93,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
   };
   auto randomHops = [&]() {
     std::vector<int> hops;
-    int n = 1 + pick(2);
+    int n = 1 + pick(3);
     for (int j = 0; j < n; ++j) {
       int link = pick(kLinks);
       if (m.linkUp[link] && m.hasAddr[link]) hops.push_back(link * 8 + pick(3));
