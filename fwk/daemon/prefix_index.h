@@ -6,9 +6,11 @@
 // ignore are a tag that the owner may keep beside the key and change in place.
 // Invariants: a slot is empty exactly when its value is null; linear probing with backward-shift
 // deletion keeps every key reachable from its home slot without tombstones; the load stays at
-// most 3/4. A caller must not insert a null value or a key that is present, must change only the
-// value (never to null) and the tag of a slot that find returned, and must not keep a slot pointer
-// across insert or erase (insert may move every slot, erase moves its neighbours).
+// most 3/4. A table grows by half and by a third in turn (16, 24, 32, 48, ... slots), so it is
+// never less than half full once grown; the home slot scales the hash to the table's size. A caller
+// must not insert a null value or a key that is present, must change only the value (never to null)
+// and the tag of a slot that find returned, and must not keep a slot pointer across insert or erase
+// (insert may move every slot, erase moves its neighbours).
 #pragma once
 
 #include <cstddef>
@@ -35,7 +37,7 @@ class PrefixIndexTable {
   // The slot holding `key`, or null.
   Slot* find(const Key& key) {
     if (slots_.empty()) return nullptr;
-    for (std::size_t i = home(key);; i = (i + 1) & mask_) {
+    for (std::size_t i = home(key);; i = next(i)) {
       Slot& s = slots_[i];
       if (!s.value) return nullptr;
       if (s.key.same(key)) return &s;
@@ -53,7 +55,7 @@ class PrefixIndexTable {
     if (!hit) return false;
     std::size_t i = static_cast<std::size_t>(hit - slots_.data());
     // Backward shift: pull later members of the probe run into the hole.
-    for (std::size_t j = (i + 1) & mask_;; j = (j + 1) & mask_) {
+    for (std::size_t j = next(i);; j = next(j)) {
       Slot& s = slots_[j];
       if (!s.value) break;
       std::size_t h = home(s.key);
@@ -72,23 +74,26 @@ class PrefixIndexTable {
   void clear() {
     std::vector<Slot>().swap(slots_);
     size_ = 0;
-    mask_ = 0;
   }
 
  private:
-  std::size_t home(const Key& key) const { return static_cast<std::size_t>(key.hash()) & mask_; }
+  // The low 32 bits of the hash, scaled to the table's size.
+  std::size_t home(const Key& key) const {
+    return static_cast<std::size_t>(((key.hash() & 0xFFFFFFFFu) * slots_.size()) >> 32);
+  }
+  std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
 
   void place(const Slot& slot) {
     std::size_t i = home(slot.key);
-    while (slots_[i].value) i = (i + 1) & mask_;
+    while (slots_[i].value) i = next(i);
     slots_[i] = slot;
   }
 
   void grow() {
     std::vector<Slot> old;
     old.swap(slots_);
-    slots_.resize(old.empty() ? 16 : old.size() * 2);
-    mask_ = slots_.size() - 1;
+    const std::size_t n = old.size();
+    slots_.resize(n == 0 ? 16 : (n & (n - 1)) == 0 ? n + n / 2 : n + n / 3);
     for (const Slot& s : old) {
       if (s.value) place(s);
     }
@@ -96,7 +101,6 @@ class PrefixIndexTable {
 
   std::vector<Slot> slots_;
   std::size_t size_ = 0;
-  std::size_t mask_ = 0;
 };
 
 // The index proper: kShards tables chosen by the top bits of the hash (the home slot uses the

@@ -1,0 +1,102 @@
+// The daemon's hash indexes (FlatMap, PrefixIndexTable) against std::unordered_map: random inserts
+// and erasures with a hash that folds keys onto few home slots, so probe runs are long, wrap
+// around the end of the array and are broken up by erasures (the backward shift must keep every
+// key findable); and the prefix index's sizes as it grows.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <unordered_map>
+
+#include "fwk/daemon/flat_map.h"
+#include "fwk/daemon/prefix_index.h"
+
+namespace {
+
+// Seven home slots, the last ones of the array whatever its size: every run wraps around.
+struct CrowdingHash {
+  std::size_t operator()(int k) const { return ~static_cast<std::size_t>(k % 7); }
+};
+
+TEST(FlatMap, AgreesWithAStandardMapThroughLongWrappedRuns) {
+  FlatMap<int, int, CrowdingHash> flat;
+  std::unordered_map<int, int> ref;
+  std::mt19937 rng(7);
+  for (int step = 0; step < 20000; ++step) {
+    const int k = static_cast<int>(rng() % 200);
+    if (rng() % 3 == 0) {
+      flat.erase(k);
+      ref.erase(k);
+    } else {
+      flat[k] += step;
+      ref[k] += step;
+    }
+    if (step % 97 == 0) {
+      ASSERT_EQ(flat.size(), ref.size()) << "step " << step;
+      for (int q = 0; q < 200; ++q) {
+        const int* v = flat.find(q);
+        auto it = ref.find(q);
+        ASSERT_EQ(v != nullptr, it != ref.end()) << "key " << q << " step " << step;
+        if (v) {
+          ASSERT_EQ(*v, it->second) << "key " << q;
+        }
+      }
+    }
+  }
+  flat.clear();
+  EXPECT_EQ(flat.find(3), nullptr);
+  EXPECT_EQ(flat.size(), 0u);
+}
+
+// A prefix key whose hash sends every key to a home slot in the last fifth of the table, where
+// seven hash values share a few homes.
+struct CrowdedKey {
+  int k;
+  bool same(const CrowdedKey& o) const { return k == o.k; }
+  uint64_t hash() const { return 0xFFFFFFFFu - (static_cast<uint64_t>(k % 7) << 27); }
+};
+
+TEST(PrefixIndexTable, AgreesWithAStandardMapThroughLongWrappedRunsAndGrowsByHalvesAndThirds) {
+  PrefixIndexTable<CrowdedKey, int> index;
+  std::unordered_map<int, int> ref;
+  std::vector<int> values(200);
+  std::mt19937 rng(11);
+  for (int step = 0; step < 20000; ++step) {
+    const int k = static_cast<int>(rng() % 200);
+    auto* slot = index.find(CrowdedKey{k});
+    ASSERT_EQ(slot != nullptr, ref.count(k) == 1) << "key " << k << " step " << step;
+    if (rng() % 3 == 0) {
+      EXPECT_EQ(index.erase(CrowdedKey{k}), slot != nullptr);
+      ref.erase(k);
+    } else if (!slot) {
+      index.insert(CrowdedKey{k}, &values[static_cast<std::size_t>(k)]);
+      ref[k] = k;
+    }
+    if (step % 97 == 0) {
+      ASSERT_EQ(index.size(), ref.size()) << "step " << step;
+      for (int q = 0; q < 200; ++q) {
+        auto* s = index.find(CrowdedKey{q});
+        ASSERT_EQ(s != nullptr, ref.count(q) == 1) << "key " << q << " step " << step;
+        if (s) {
+          ASSERT_EQ(s->value, &values[static_cast<std::size_t>(q)]);
+        }
+      }
+    }
+  }
+
+  // Sizes: 16 slots, then each growth by a half or a third, at the first insert past 3/4 full.
+  using Table = PrefixIndexTable<CrowdedKey, int>;
+  Table grown;
+  std::vector<std::size_t> sizes;
+  for (int k = 0; k < 200; ++k) {
+    grown.insert(CrowdedKey{k}, &values[static_cast<std::size_t>(k)]);
+    const std::size_t slots = grown.bytes() / sizeof(Table::Slot);
+    if (sizes.empty() || sizes.back() != slots) {
+      sizes.push_back(slots);
+      EXPECT_EQ(static_cast<std::size_t>(k) * 4, (slots == 16 ? 0 : sizes[sizes.size() - 2] * 3))
+          << "grew at the wrong insert";
+    }
+  }
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{16, 24, 32, 48, 64, 96, 128, 192, 256, 384}));
+}
+
+}  // namespace
