@@ -259,6 +259,7 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   // Refused by result, not a misuse: a caller may well re-add what it already holds (the
   // module re-adds a blackhole each time its route is drained).
   if (duplicate(h, nullptr, rtp->rtp_gwp, rtp->rtp_n_gw, rtp->rtp_routers)) return nullptr;
+  if (h && h->rth_n_entries == RTH_MAX_ENTRIES) return nullptr;
   if (corvd_take_rt_add_failure()) return nullptr;
   rt_entry* was = h ? h->rth_routes : nullptr;
   if (!h) h = makeHead(rtp->rtp_dest, plen);

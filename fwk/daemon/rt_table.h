@@ -10,9 +10,10 @@
 // preference negated (0 becomes -1) and RTS_SETASIDE; when all its addresses are up again the
 // daemon restores it (unless its owner already did, with rt_change_s).
 // Uniqueness: a prefix holds at most one entry per gateway (gw_entry) and gateway set (the same
-// gateway addresses in the same order). rt_add / rt_change_s that would break it are refused by
-// their result (null, nothing changed) and are not a misuse: holding the entry already is a state
-// of the table, not a breach of the calling contract.
+// gateway addresses in the same order), and at most RTH_MAX_ENTRIES entries. rt_add /
+// rt_change_s that would break it are refused by their result (null, nothing changed) and are not
+// a misuse: holding the entry already is a state of the table, not a breach of the calling
+// contract.
 // Misuse: only a breach of the calling contract is counted (a change outside the bracket, null
 // parameters, a recycled temporary, a destination and mask that form no prefix, a gateway that
 // is not live, a bad gateway list, an entry that is gone); the call then does nothing.
@@ -35,7 +36,8 @@
 #include "fwk/daemon/sockaddr.h"
 #include "fwk/daemon/task.h"
 
-constexpr int RT_N_MULTIPATH = 128;  // most gateways per entry (size of rtp_routers)
+constexpr int RT_N_MULTIPATH = 128;             // most gateways per entry (size of rtp_routers)
+constexpr uint32_t RTH_MAX_ENTRIES = 0xFFFFFF;  // most entries per prefix
 
 // rt_state bits kept by the daemon (others are stored as given).
 constexpr uint64_t RTS_ACTIVE = 0x1;                    // the prefix's selected entry
@@ -80,14 +82,16 @@ typedef struct _rt_entry {
 } rt_entry;
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
+// The count and the length share the word after the destination: 56 bytes a prefix.
 typedef struct _rt_head {
-  sockaddr_un rth_dest;        // destination (copy, host bits cleared)
-  sockaddr_un* rth_dest_mask;  // shared mask
-  rt_entry* rth_routes;        // first entry in selection order
-  rt_entry* rth_active;        // the active entry or null
-  uint32_t rth_n_entries;      // entries on the list
-  uint8_t rth_plen;            // prefix length
+  sockaddr_un rth_dest;         // destination (copy, host bits cleared)
+  uint32_t rth_n_entries : 24;  // entries on the list, at most RTH_MAX_ENTRIES
+  uint8_t rth_plen;             // prefix length (in the count's last byte)
+  sockaddr_un* rth_dest_mask;   // shared mask
+  rt_entry* rth_routes;         // first entry in selection order
+  rt_entry* rth_active;         // the active entry or null
 } rt_head;
+static_assert(sizeof(rt_head) == 56);
 
 typedef struct _rt_parms {
   sockaddr_un* rtp_dest;                     // destination (temporaries fine)
