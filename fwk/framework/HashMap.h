@@ -120,7 +120,7 @@ class HashMap {
 
   // Makes room for n members without growing the index.
   void reserve(std::size_t n) {
-    if (n <= kSmall && unindexed()) return;
+    if (n * 4 <= std::size_t{slotCount()} * 3 || (n <= kSmall && unindexed())) return;
     std::size_t cap = 16;
     while (cap * 3 < n * 4) cap *= 2;
     if (cap > slotCount()) rehash(cap);
@@ -272,6 +272,15 @@ class HashMap {
   }
 
   std::size_t tombstones() const { return dead_; }
+  // Heap bytes held beyond the map object: the node blocks after the first, the spill with its
+  // block pointers, and the index.
+  std::size_t heapBytes() const {
+    if (!spill_) return 0;
+    std::size_t nodes = 0;
+    for (unsigned b = 1; b < blocks_; ++b) nodes += std::size_t{1} << b;
+    return nodes * sizeof(Node) + sizeof(Spill) + spill_->moreCount * sizeof(Node*) +
+           std::size_t{spill_->slotCount} * sizeof(std::uint64_t);
+  }
 
   // Cache hints for a loop that will look keys up a few steps from now (a drain taking a
   // backlog's members in order): nothing is read that may miss, and nothing changes.
