@@ -3,7 +3,6 @@
 // A full table has a million entries and a few hundred next hops, so an entry holds a pointer
 // instead of a 28-byte copy. Copies are never changed in place, and two addresses share one only
 // when all their bytes agree, so a reader sees exactly what a private copy would show.
-#include <array>
 #include <cstring>
 
 #include "fwk/daemon/flat_map.h"
@@ -12,37 +11,36 @@
 
 namespace {
 
-using Bytes = std::array<unsigned char, sizeof(sockaddr_un)>;
+// An address's bytes as four words (the last four bytes zero), compared and hashed word by word.
+struct Bytes {
+  uint64_t w[4];
+  explicit Bytes(const sockaddr_un& a) : w{0, 0, 0, 0} { std::memcpy(w, &a, sizeof a); }
+  Bytes() : w{0, 0, 0, 0} {}
+  bool operator==(const Bytes& o) const {
+    return ((w[0] ^ o.w[0]) | (w[1] ^ o.w[1]) | (w[2] ^ o.w[2]) | (w[3] ^ o.w[3])) == 0;
+  }
+};
+static_assert(sizeof(sockaddr_un) <= sizeof(Bytes));
+
+// Independent products folded once: an address is hashed on every rt_add.
+struct BytesHash {
+  std::size_t operator()(const Bytes& b) const {
+    return static_cast<std::size_t>(prefixHashMix((b.w[0] * 0x9E3779B97F4A7C15ull) ^
+                                                  (b.w[1] * 0xC2B2AE3D27D4EB4Full) ^
+                                                  (b.w[2] * 0x165667B19E3779F9ull) ^ b.w[3]));
+  }
+};
 
 struct Shared {
   sockaddr_un addr;  // first: a caller's pointer to the copy is a pointer to its record
   uint32_t refs;
 };
 
-struct BytesHash {
-  std::size_t operator()(const Bytes& b) const {
-    uint64_t h = 0;
-    for (std::size_t i = 0; i < b.size(); i += 4) {
-      uint32_t w = 0;
-      std::memcpy(&w, b.data() + i, 4);
-      h = prefixHashMix(h ^ w);
-    }
-    return static_cast<std::size_t>(h);
-  }
-};
-
 // Of the whole process, like the entry records that point into it. It keeps its storage once
-// made (as many slots as the most distinct next hops ever in use): giving a few hundred bytes
-// back when the last route went would move where the next table's first allocation lands.
+// made: as many slots as the most distinct next hops ever in use.
 FlatMap<Bytes, Shared*, BytesHash>& shares() {
   static auto* map = new FlatMap<Bytes, Shared*, BytesHash>();
   return *map;
-}
-
-Bytes bytesOf(const sockaddr_un& a) {
-  Bytes b;
-  std::memcpy(b.data(), &a, sizeof a);
-  return b;
 }
 
 }  // namespace
@@ -52,7 +50,7 @@ namespace corvd_rt {
 sockaddr_un* addrShare(const sockaddr_un& addr) {
   sockaddr_un copy = addr;
   copy.sa_plen = SA_PLEN_NONE;
-  Shared*& s = shares()[bytesOf(copy)];
+  Shared*& s = shares()[Bytes(copy)];
   if (!s) s = new Shared{copy, 0};
   ++s->refs;
   return &s->addr;
@@ -61,7 +59,7 @@ sockaddr_un* addrShare(const sockaddr_un& addr) {
 void addrUnshare(sockaddr_un* addr) {
   auto* s = reinterpret_cast<Shared*>(addr);
   if (--s->refs != 0) return;
-  shares().erase(bytesOf(s->addr));
+  shares().erase(Bytes(s->addr));
   delete s;
 }
 
