@@ -407,12 +407,15 @@ void checkReinstantiation(const T& existing, const Args&... args) {
                                   kelTypeName() + "::" #name " not allowed\"");              \
     }                                                                                        \
     const Key k = kelW->key();                                                               \
-    if (Adapter* have = name(k); have && have->notifier() == kelW) return have;              \
-    Adapter* a;                                                                              \
+    /* One probe: an adapter already watching kelW stays, with nothing notified. */          \
+    std::pair<std::pair<Adapter*, bool>, bool> kelR;                                         \
     {                                                                                        \
       const ::Kel::NotifieeBase::CollectorPause kelPause;                                    \
-      a = name##_.emplace(k, this, kelW).first;                                              \
+      kelR = name##_.emplaceUnless(                                                          \
+          k, [&kelW](const Adapter& have) { return have.notifier() == kelW; }, this, kelW);  \
     }                                                                                        \
+    Adapter* a = kelR.first.first;                                                           \
+    if (!kelR.second) return a;                                                              \
     ::Kel::followDeliverySwitch(*this, *a);                                                  \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
     return a;                                                                                \

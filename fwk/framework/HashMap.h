@@ -148,8 +148,19 @@ class HashMap {
   // returns the new value and whether the key is new. When the constructor throws, k is absent.
   template <class... A>
   std::pair<V*, bool> emplace(const K& k, A&&... args) requires kInPlace {
+    return emplaceUnless(
+               k, [](const V&) { return false; }, std::forward<A>(args)...)
+        .first;
+  }
+  // As emplace, with one probe of the index, unless k holds a value for which keep(value) is
+  // true: that value stays, and the result is {value, false}, false (nothing built). Otherwise
+  // {emplace's result, true}.
+  template <class Keep, class... A>
+  std::pair<std::pair<V*, bool>, bool> emplaceUnless(const K& k, Keep&& keep,
+                                                     A&&... args) requires kInPlace {
     auto [i, fresh] = locate(k);
     Node& n = node(i);
+    if (n.live && keep(n.value())) return {{&n.value(), false}, false};
     const bool added = !n.live;
     // k becomes a tombstone first: whatever the destructor or the constructor does or throws,
     // the map stays consistent.
@@ -163,7 +174,7 @@ class HashMap {
     }
     ::new (static_cast<void*>(n.cell.raw)) V(std::forward<A>(args)...);
     revive(n, false);
-    return {&n.value(), added};
+    return {{&n.value(), added}, true};
   }
 
   // Stores v at k with one probe of the index; false, and nothing changed, when k already held

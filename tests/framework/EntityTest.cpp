@@ -204,9 +204,19 @@ TEST(Instantiation, ReinstantiatingWithEqualParametersReturnsTheMemberAndDiffere
       EXPECT_STREQ(e.what(),
                    "null _watched parameter to mutator for Test::Owner::watched not allowed\"");
     }
+    struct Adapters : Owner::Notifiee {
+      int changes = 0;
+      void onWatched(const int&) override { ++changes; }
+    } seen;
+    seen.notifierIs(owner);
     KelWatched* a = owner->watchedIs(w);
     EXPECT_EQ(owner->watchedIs(w), a);
     EXPECT_EQ(owner->watched(1), a);
+    EXPECT_EQ(seen.changes, 1) << "watching the same entity again is no change";
+    auto w2 = Kel::make<Watched>(1);  // the same key, another entity: the adapter is replaced
+    EXPECT_EQ(owner->watchedIs(w2)->notifier(), w2);
+    EXPECT_EQ(seen.changes, 2);
+    EXPECT_EQ(w->notifieeCount(), 0u);
     auto first = owner->singleIs("s", 1u, w);
     auto second = owner->singleIs("s", 1u, w);
     EXPECT_EQ(owner->single(), second);
