@@ -9,14 +9,15 @@
 // iterator is alive, the others once no iterator is alive and they outnumber the live ones (then
 // in one pass; amortised O(1) per erase); when none is live, all go at once with the storage. A
 // key inserted again while its tombstone is kept takes its old place in the order.
-// Values are returned by pointer; a pointer is valid until its member is erased.
+// Values are returned by pointer; a pointer is valid until its member is erased. A collection
+// holds at most 2^31 - 2 members (node indexes are 31-bit).
 // Layout, chosen for collections of a million members (a routing table's keys): members live in
 // pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
 // order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
 // 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
 // touches one slot run and, on a hash match, one node. No allocation per member; the first node
 // is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no index:
-// a lookup walks its few nodes, comparing hashes first. The index is built when the collection
+// a lookup walks its few nodes, comparing keys. The index is built when the collection
 // outgrows that, and goes when it is emptied.
 // A value type that cannot move (a notifiee, registered with its notifier by address) lives in
 // its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
@@ -38,7 +39,7 @@ namespace Kel {
 
 template <class K, class V, class H = std::hash<K>>
 class HashMap {
-  static constexpr std::uint32_t kNil = 0xffffffffu;
+  static constexpr std::uint32_t kNil = 0x7fffffffu;  // no node: at most kNil - 1 members
   static constexpr std::size_t kSmall = 8;
 
   // Values that cannot be moved are built in place; such a value exists exactly while its node
@@ -56,14 +57,14 @@ class HashMap {
     const V* at() const { return reinterpret_cast<const V*>(raw); }
   };
 
-  // The value last: a small one (a backlog's or a next-hop set's bool) then shares the word of
-  // `live` instead of taking one of its own.
+  // Two words besides the key and the value: the order links, with the live flag in the top bit
+  // of `prev`. The hash is not kept (the index's slots hold 32 bits of it; erasing recomputes
+  // it). The value last, so a small one (a backlog's bool) takes no word of its own.
   struct Node {
     K key{};
-    std::uint32_t prev = kNil;
+    std::uint32_t prev : 31 = kNil;
+    std::uint32_t live : 1 = 0;
     std::uint32_t next = kNil;  // order list; the free list for unused nodes
-    std::uint32_t hash = 0;
-    bool live = false;
     std::conditional_t<kInPlace, Built, Held> cell;
     V& value() { return cell.get(); }
   };
@@ -190,7 +191,8 @@ class HashMap {
 
   // Returns false when k is absent.
   bool erase(const K& k) {
-    const std::uint32_t i = lookup(k, mix(k));
+    const std::uint32_t h = mix(k);
+    const std::uint32_t i = lookup(k, h);
     if (i == kNil || !node(i).live) return false;
     Node& n = node(i);
     n.live = false;
@@ -198,11 +200,11 @@ class HashMap {
     ++dead_;
     if constexpr (kInPlace) {
       n.value().~V();
-      settle();
+      settleErased(i, h);
     } else {
       [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
       n.value() = V{};
-      settle();
+      settleErased(i, h);
     }
     return true;
   }
@@ -351,7 +353,6 @@ class HashMap {
     i = allocate();
     Node& n = node(i);
     n.key = k;
-    n.hash = h;
     if (!unindexed()) place(h, i);
     ++indexed_;
     link(i);
@@ -371,7 +372,7 @@ class HashMap {
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
     if (unindexed()) {  // small: every node of the index is on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-        if (node(i).hash == h && node(i).key == k) return i;
+        if (node(i).key == k) return i;
       }
       return kNil;
     }
@@ -402,7 +403,7 @@ class HashMap {
     old.swap(spill().slots);
     const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
     if (oldCount == 0) {  // leaving small: index the nodes on the order list
-      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(node(i).hash, i);
+      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(node(i).key), i);
       return;
     }
     for (std::size_t j = 0; j < oldCount; ++j) {
@@ -411,10 +412,10 @@ class HashMap {
     }
   }
   // Removes node i's slot, shifting the run after it back so no probe chain breaks.
-  void unplace(std::uint32_t i) {
+  void unplace(std::uint32_t i, std::uint32_t h) {
     std::uint64_t* slots = spill_->slots.get();
     const std::size_t mask = spill_->slotCount - 1;
-    std::size_t p = node(i).hash & mask;
+    std::size_t p = h & mask;
     while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = (p + 1) & mask;
     for (std::size_t q = (p + 1) & mask;; q = (q + 1) & mask) {
       const std::uint64_t s = slots[q];
@@ -464,9 +465,11 @@ class HashMap {
   }
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
   // to the free list.
-  void forget(std::uint32_t i) {
+  void forget(std::uint32_t i) { forget(i, mix(node(i).key)); }
+  // As forget, with the key's hash already at hand.
+  void forget(std::uint32_t i, std::uint32_t h) {
     unlink(i);
-    if (!unindexed()) unplace(i);
+    if (!unindexed()) unplace(i, h);
     --indexed_;
     Node& n = node(i);
     n.key = K{};
@@ -505,6 +508,15 @@ class HashMap {
     first_.key = K{};
   }
   // After an erase: tombstones at the front go at once, the others when they pile up.
+  // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
+  // without hashing its key again (a drain or a withdraw-all erases from the front).
+  void settleErased(std::uint32_t i, std::uint32_t h) {
+    if (iterators_ == 0 && i == head_) {
+      forget(i, h);
+      --dead_;
+    }
+    settle();
+  }
   void settle() {
     if (iterators_ == 0) trimHead();
     maybePurge();
