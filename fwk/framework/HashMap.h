@@ -461,7 +461,11 @@ class HashMap {
   void unlink(std::uint32_t i) {
     Node& n = node(i);
     (n.prev != kNil ? node(n.prev).next : head_) = n.next;
-    (n.next != kNil ? node(n.next).prev : tail_) = n.prev;
+    if (n.next != kNil) {  // a bit-field is not an lvalue of a conditional operator
+      node(n.next).prev = n.prev;
+    } else {
+      tail_ = n.prev;
+    }
   }
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
   // to the free list.
