@@ -58,9 +58,10 @@ class HashMap {
   };
 
   // Two words besides the key and the value: the order links, with the live flag in the top bit
-  // of `prev`. The hash is not kept: the index's slots hold 32 bits of it, an erasure reuses the
-  // one its lookup computed, and only a purge of tombstones hashes keys again. The value last, so
-  // a small one (a backlog's bool) takes no word of its own.
+  // of `prev`. The hash is not kept: the index's slots hold 32 bits of it, and an erasure reuses
+  // the one its lookup computed; a tombstone dropped later and the nodes of a small collection
+  // getting its index are hashed again. The value last, so a small one (a backlog's bool) takes
+  // no word of its own.
   struct Node {
     K key{};
     std::uint32_t prev : 31 = kNil;
