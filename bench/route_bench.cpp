@@ -127,13 +127,7 @@ void mirror(benchmark::State& state) {
     const double withdrawWall = wallSeconds() - w1;
     const double withdrawCpu = cpuSeconds() - c1;
 
-    const auto sm = [&] {
-      if constexpr (V6) {
-        return root->routing6ConfigSm()->routeInputDirSm()->routeInputSm("bgp")->routeBacklogSm();
-      } else {
-        return root->routingConfigSm()->routeInputDirSm()->routeInputSm("bgp")->routeBacklogSm();
-      }
-    }();
+    const auto sm = inputSm->routeBacklogSm();
     state.counters["mirror_wall_s"] = mirrorWall;
     state.counters["mirror_queue_s"] = queued;
     state.counters["withdraw_queue_s"] = withdrawQueued;

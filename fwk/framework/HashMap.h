@@ -283,7 +283,7 @@ class HashMap {
       i = next;
     }
     dead_ = 0;
-    if (indexed_ == 0) release();
+    if (indexed() == 0) release();
   }
 
   std::size_t tombstones() const { return dead_; }
@@ -348,15 +348,14 @@ class HashMap {
     const std::uint32_t h = mix(k);
     std::uint32_t i = lookup(k, h);
     if (i != kNil) return {i, false};
-    if (unindexed() ? indexed_ + 1 > kSmall
-                    : (std::size_t{indexed_} + 1) * 4 > std::size_t{slotCount()} * 3) {
+    if (unindexed() ? indexed() + 1 > kSmall
+                    : (std::size_t{indexed()} + 1) * 4 > std::size_t{slotCount()} * 3) {
       rehash(unindexed() ? 16 : std::size_t{slotCount()} * 2);
     }
     i = allocate();
     Node& n = node(i);
     n.key = k;
     if (!unindexed()) place(h, i);
-    ++indexed_;
     link(i);
     return {i, true};
   }
@@ -369,6 +368,8 @@ class HashMap {
     return true;
   }
 
+  // Nodes in the index (or on the order list while small): live ones and tombstones.
+  std::uint32_t indexed() const { return live_ + dead_; }
   std::uint32_t slotCount() const { return spill_ ? spill_->slotCount : 0; }
   bool unindexed() const { return slotCount() == 0; }
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
@@ -476,7 +477,6 @@ class HashMap {
   void forget(std::uint32_t i, std::uint32_t h) {
     unlink(i);
     if (!unindexed()) unplace(i, h);
-    --indexed_;
     Node& n = node(i);
     n.key = K{};
     n.next = free_;
@@ -501,7 +501,7 @@ class HashMap {
       forget(head_);
       --dead_;
     }
-    if (indexed_ == 0) release();
+    if (indexed() == 0) release();
   }
   // A collection with no live member gives its storage back and forgets its tombstones: a
   // backlog that held a million keys for one drain does not keep their nodes.
@@ -509,11 +509,9 @@ class HashMap {
     spill_.reset();
     blocks_ = 0;
     head_ = tail_ = free_ = kNil;
-    indexed_ = 0;
     dead_ = 0;
     first_.key = K{};
   }
-  // After an erase: tombstones at the front go at once, the others when they pile up.
   // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
   // without hashing its key again (a drain or a withdraw-all erases from the front).
   void settleErased(std::uint32_t i, std::uint32_t h) {
@@ -523,6 +521,7 @@ class HashMap {
     }
     settle();
   }
+  // After an erase: tombstones at the front go at once, the others when they pile up.
   void settle() {
     if (iterators_ == 0) trimHead();
     maybePurge();
@@ -545,7 +544,6 @@ class HashMap {
   std::uint32_t head_ = kNil;
   std::uint32_t tail_ = kNil;
   std::uint32_t free_ = kNil;
-  std::uint32_t indexed_ = 0;  // nodes in the index: live ones and tombstones
   std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
   mutable std::uint32_t iterators_ = 0;
