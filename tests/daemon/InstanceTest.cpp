@@ -10,12 +10,11 @@ struct Hook {
   static void onChange(task*, if_addr*) { ++calls; }
 };
 
-class Instances : public ::testing::Test {
+class Instances : public DaemonTest {
  protected:
-  void SetUp() override { corvd_reset(); }
   void TearDown() override {
     corvd_instance_use(nullptr);
-    corvd_reset();
+    DaemonTest::TearDown();
   }
 };
 
