@@ -2,21 +2,15 @@
 // a real event of the daemon's interface table (a link going down or up, an address added,
 // removed or given another mask), and acts on the routes of the module's own gateways that use
 // the address, for every protocol, and on nothing else.
-#include <algorithm>
+#include "tests/module/World.h"
 
-#include "tests/module/RouteWorld.h"
-
-namespace RouteTest {
+namespace ModuleTest {
 namespace {
 
-int count(const std::vector<std::string>& v, const std::string& s) {
-  return static_cast<int>(std::count(v.begin(), v.end(), s));
-}
-
-class IfaChange : public RouteWorld {
+class IfaChange : public World {
  protected:
   void SetUp() override {
-    RouteWorld::SetUp();
+    World::SetUp();
     intf("Ethernet1", "et1", 1, "10.0.1.1/24");
     intf("Ethernet2", "et2", 2, "10.0.2.1/24");
   }
@@ -34,12 +28,12 @@ rt_entry* foreignRoute(const char* dest, const char* hop) {
   static task other{"other", nullptr, nullptr};
   gw_entry* gw = gw_init(nullptr, 9, &other, 0, 0, nullptr, 0);
   rt_parms rtp{};
-  rtp.rtp_dest = daemonSock(ip(dest));
+  rtp.rtp_dest = daemonSock(addr(dest));
   rtp.rtp_dest_mask = sock_mask_by_len(SA_FAMILY_INET, 24);
   rtp.rtp_n_gw = 1;
   rtp.rtp_gwp = gw;
   rtp.rtp_preference = 30;
-  rtp.rtp_routers[0] = daemonSock(ip(hop));
+  rtp.rtp_routers[0] = daemonSock(addr(hop));
   if_addr* ifap = if_withdst(rtp.rtp_routers[0]);
   task_register(&other);
   rt_open(&other);
@@ -75,14 +69,12 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   // aside. The parked key is queued again although no route of it uses the address.
   rec_.clear();
   corvd_host_link(1, "et1", false);
-  const auto details = messages(rec_, 8);
-  EXPECT_EQ(count(details, "Handle ifa_change for ipv4  bash added routes"), 3);  // per address
-  EXPECT_EQ(count(details, "Handle ifa_change for ipv6  bash added routes"), 3);
-  const auto ev = events(rec_);
-  EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.1.2"), 1);
-  EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.1.3"), 1);
-  EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.1.4"), 1);
-  EXPECT_EQ(count(ev, "Route already present in corvd, so just changing it."), 0);
+  EXPECT_EQ(traced("Handle ifa_change for ipv4  bash added routes", 8), 3);  // per address
+  EXPECT_EQ(traced("Handle ifa_change for ipv6  bash added routes", 8), 3);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.1.2"), 1);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.1.3"), 1);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.1.4"), 1);
+  EXPECT_EQ(traced("Route already present in corvd, so just changing it."), 0);
   EXPECT_FALSE(parked(sm("bgp"), "203.0.113.0/24"));
   EXPECT_FALSE(parked(sm("bgp"), "100.65.0.0/16"));
   EXPECT_TRUE(sm("bgp")->routeBacklog()->backlog(key("100.65.0.0/16")));
@@ -125,23 +117,23 @@ TEST_F(IfaChange, AddressEventsClassifiedByCodeAndUpBit) {
   corvd_host_link(3, "et3", false);
   rec_.clear();
   daemonAddr(3, "10.0.9.1/24");
-  corvd_host_addr_del(3, daemonSock(ip("10.0.9.1")));
-  EXPECT_EQ(count(messages(rec_, 8), "fwk_ifachange: Nothing interesting"), 2);
-  EXPECT_EQ(count(messages(rec_, 8), "Handle ifa_change for ipv4  bash added routes"), 0);
+  corvd_host_addr_del(3, daemonSock(addr("10.0.9.1")));
+  EXPECT_EQ(traced("fwk_ifachange: Nothing interesting", 8), 2);
+  EXPECT_EQ(traced("Handle ifa_change for ipv4  bash added routes", 8), 0);
   EXPECT_TRUE(parked(sm("bgp"), "203.0.113.0/24"));
 
   // The serving address arrives up (2, up): the parked route is retried and resolves.
   rec_.clear();
   daemonAddr(1, "10.0.9.1/24");
-  EXPECT_EQ(count(messages(rec_, 8), "Handle ifa_change for ipv4  bash added routes"), 1);
+  EXPECT_EQ(traced("Handle ifa_change for ipv4  bash added routes", 8), 1);
   run();
   EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref 20 via 10.0.9.2 dev et1");
 
   // An up address removed (0x104): its route is entered again, finds no address, and the daemon
   // drops the entry that still uses the removed address.
   rec_.clear();
-  corvd_host_addr_del(1, daemonSock(ip("10.0.9.1")));
-  EXPECT_EQ(count(events(rec_), "There is no interface with nexthop 10.0.9.2"), 1);
+  corvd_host_addr_del(1, daemonSock(addr("10.0.9.1")));
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.9.2"), 1);
   run();
   EXPECT_FALSE(parked(sm("bgp"), "203.0.113.0/24"));  // it waits for its next change
   EXPECT_EQ(daemonRoutes(8).count("203.0.113.0/24"), 0u);
@@ -152,10 +144,9 @@ TEST_F(IfaChange, AddressEventsClassifiedByCodeAndUpBit) {
   run();
   rec_.clear();
   daemonAddr(2, "10.0.2.1/30");
-  const auto ev = events(rec_);
-  EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.2.7"), 1);
-  EXPECT_EQ(count(ev, "There is no interface with nexthop 10.0.2.2"), 0);
-  EXPECT_EQ(count(ev, "Route already present in corvd, so just changing it."), 0);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.2.7"), 1);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.2.2"), 0);
+  EXPECT_EQ(traced("Route already present in corvd, so just changing it."), 0);
 }
 
 TEST_F(IfaChange, OutsideTheDefaultVrfOnlyIpv4IsRevisited) {
@@ -164,10 +155,10 @@ TEST_F(IfaChange, OutsideTheDefaultVrfOnlyIpv4IsRevisited) {
   run();
   rec_.clear();
   corvd_host_link(1, "et1", false);
-  EXPECT_EQ(count(messages(rec_, 8), "Handle ifa_change for ipv4  bash added routes"), 1);
-  EXPECT_EQ(count(messages(rec_, 8), "Handle ifa_change for ipv6  bash added routes"), 0);
-  EXPECT_EQ(count(events(rec_), "There is no interface with nexthop 10.0.1.2"), 1);
+  EXPECT_EQ(traced("Handle ifa_change for ipv4  bash added routes", 8), 1);
+  EXPECT_EQ(traced("Handle ifa_change for ipv6  bash added routes", 8), 0);
+  EXPECT_EQ(traced("There is no interface with nexthop 10.0.1.2"), 1);
 }
 
 }  // namespace
-}  // namespace RouteTest
+}  // namespace ModuleTest

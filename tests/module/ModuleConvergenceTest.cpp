@@ -1,20 +1,21 @@
 // Whole-module randomized convergence: random bursts over everything the module watches at
-// once (devices appearing, re-made under a new ifIndex, going down; interface status and oper
-// flaps; IPv4 and IPv6 addresses moving between interfaces and changing mask; the VRF's whole
-// address entry removed; route inputs of several protocols on the same prefixes, routes
-// published, changed, withdrawn and made blackholes, every kind of via, protocol changes, inputs
-// removed and re-added), with the daemon's address-change reports carrying address events to the
-// routes. Once quiet, and after one more address change (which retries every route set aside),
-// the daemon's tables are compared with a reference written from the rules of mirroring:
-//  - the interface table equals the state database's projection (IntfWorld::reference);
+// once (devices appearing, re-made under a new ifIndex, going down, changing MAC; interface status
+// and oper flaps, MTU changes; IPv4 and IPv6 addresses moving between interfaces and changing
+// mask; the VRF's whole address entry removed; route inputs of several protocols on the same
+// prefixes, routes published, changed, withdrawn and made blackholes, every kind of via, protocol
+// changes, inputs removed and re-added), with the daemon's address-change reports carrying address
+// events to the routes. Once quiet, and after one more address change (which retries every route
+// set aside), the daemon's tables are compared with a reference written from the rules of
+// mirroring:
+//  - the interface table equals the state database's projection (World::reference);
 //  - a route whose every via resolves over the daemon's addresses as they are now has exactly
 //    one entry of its protocol with exactly those gateways, in via order, at its input's
 //    preference (set aside, negated, when one of its addresses is down), and is not set aside
 //    in the unresolved backlog; a route that does not resolve waits in its input's unresolved
 //    backlog; a blackhole has its gateway-less entry; a prefix no route of a live protocol holds
 //    has no entry of that protocol;
-//  - the unresolved backlogs hold nothing else, the route backlogs are empty, the daemon saw no
-//    misuse.
+//  - the unresolved backlogs hold nothing else, the route and interface backlogs are empty, the
+//    daemon saw no misuse, and no address was ever on two links at once.
 // Resolution rules, as mirroring defines them: a via naming an interface needs the interface to
 // be local; the daemon address serving the destination (longest up subnet, any interface) gives
 // the gateway, else the first address of the family on the interface's link (up or not); a via
@@ -41,9 +42,9 @@
 #include <iostream>
 #include <random>
 
-#include "tests/module/ConvergenceFixture.h"
+#include "tests/module/ConvergenceModel.h"
 
-namespace IntfTest {
+namespace ModuleTest {
 namespace {
 
 using namespace Convergence;
@@ -108,6 +109,7 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     return r;
   };
 
+  OverlapObserver observer;
   device("lo", 1, kUp | kRunning | 0x8);
   device("sp", 9);
   status("Spare", "sp", 1500, 9);
@@ -226,7 +228,7 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
   auto intfEvent = [&](std::set<int>& goneThisBurst) {
     const int i = pick(kIntfs);
     const auto si = static_cast<size_t>(i);
-    const int ev = pick(12);
+    const int ev = pick(14);
     step("intf event " + std::to_string(ev) + " on " + std::to_string(i));
     switch (ev) {
       case 0: {  // the device is made again under a new ifIndex (its status first)
@@ -244,10 +246,10 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
           devUp[si] = false;
         }
         break;
-      case 2:  // the device goes down or up
+      case 2:  // the device goes down, or up (running or not)
         if (kernel_->interfaceByName(dev(i))) {
           devUp[si] = pick(3) != 0;
-          deviceFlags(dev(i), devUp[si] ? kUp | kRunning : 0);
+          deviceFlags(dev(i), devUp[si] ? (pick(2) ? kUp | kRunning : kUp) : 0);
           if (!devUp[si]) downInWindow.insert(i);
         }
         break;
@@ -328,6 +330,16 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
           gone(0, i, a);
         }
         break;
+      case 12:  // the device's MAC changes: the link is refreshed at once
+        if (kernel_->interfaceByName(dev(i))) {
+          deviceMac(dev(i), "02:00:00:00:00:0" + std::to_string(pick(10)));
+        }
+        break;
+      case 13:
+        if (all_->intfStatus(Kanet::IntfId(intfId(i)))) {
+          mtu(intfId(i), static_cast<std::uint16_t>(1400 + pick(3) * 100));
+        }
+        break;
     }
   };
 
@@ -402,9 +414,11 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
     settle();
     step("check");
     ASSERT_EQ(daemonTable(), reference());
+    EXPECT_EQ(root_->intfBacklog()->backlogCount(), 0u);
+    EXPECT_EQ(root_->intfBacklog()->needCleanCount(), 0u);
     DLinks links;
     if_link_walk(&DLinks::collect, &links);
-    const Routes routes = daemonRoutes();
+    const Routes routes = daemonEntries();
     auto v4 = root_->routingConfigSm()->routeInputDirSm();
     auto v6 = root_->routing6ConfigSm()->routeInputDirSm();
     for (auto& in : in4) check(v4->routeInputSm(in.name), in, f4, links, routes);
@@ -458,6 +472,7 @@ TEST_P(ModuleConvergence, BothTablesMatchTheReference) {
   EXPECT_GT(exact, 50u);
   EXPECT_GT(unresolved, 50u);
   EXPECT_LT(lostable, 2 * exact);
+  EXPECT_EQ(observer.overlaps(), 0);
   std::cout << "[ seed " << GetParam() << " ] " << ops << " operations, " << checks
             << " comparisons: " << exact << " routes held to the exact rule, " << unresolved
             << " unresolved, " << lostable << " possibly left out\n";
@@ -468,4 +483,4 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Range(1u, 1u + static_cast<unsigned>(envNumber("IRI_CONVERGENCE_SEEDS", 6))));
 
 }  // namespace
-}  // namespace IntfTest
+}  // namespace ModuleTest

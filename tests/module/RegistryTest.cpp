@@ -8,7 +8,7 @@
 
 #include "fwk/Registration.h"
 #include "fwk/framework/GenericAccess.h"
-#include "tests/module/IntfWorld.h"
+#include "tests/module/World.h"
 #include "tests/support/ErrorText.h"
 
 namespace {
@@ -169,7 +169,7 @@ TEST(Registry, FlagsFollowTheKindAndStayWithinSixBits) {
   EXPECT_EQ(flags("IntfBacklogSm", "hasNotificationActiveIs"), Flags(Flags::isFunction));
 }
 
-using ReactorSwitch = IntfTest::IntfWorld;
+using ReactorSwitch = ModuleTest::World;
 
 // Switching a reactor's delivery off silences its member adapters and the notifiees of its
 // collections (made before or after), without unregistering them; switching it on restores them.

@@ -2,20 +2,20 @@
 // merged keys, the test environment variable, and the exact entry/exit trace of one route.
 #include <cstdlib>
 
-#include "tests/module/RouteWorld.h"
+#include "tests/module/World.h"
 
-namespace RouteTest {
+namespace ModuleTest {
 namespace {
 
-class RouteDrain : public RouteWorld {
+class RouteDrain : public World {
  protected:
   void SetUp() override {
-    RouteWorld::SetUp();
+    World::SetUp();
     intf("Ethernet1", "et1", 1, "10.0.1.1/24");
   }
   void TearDown() override {
     unsetenv("INTERFACEROUTEINFOSM_TEST");
-    RouteWorld::TearDown();
+    World::TearDown();
   }
   Kel::Ptr<RouteBacklogSm> backlogSm(const char* name) {
     return root_->routingConfigSm()->routeInputDirSm()->routeInputSm(name)->routeBacklogSm();
@@ -38,8 +38,10 @@ TEST_F(RouteDrain, BatchesAreBoundedByTheQuantumAndReArmed) {
   EXPECT_DOUBLE_EQ(sm->backlogClockTimeMin(), Kel::now() + 0.04);
   EXPECT_EQ(sm->routeBacklog()->backlogCount(), 100u);
 
-  // Every read of the clock costs 10 ms: a batch of 0.08 s takes 8 keys.
-  Kel::activityManager()->manualTime()->stepIs(0.01);
+  // Every read of the clock costs 1/64 s: a batch of 1/8 s ends when the time spent reaches the
+  // quantum exactly, after 8 keys.
+  sm->routeBacklog()->backlogQuantumIs(1.0 / 8);
+  Kel::activityManager()->manualTime()->stepIs(1.0 / 64);
   Kel::activityManager()->runUntil(sm->backlogClockTimeMin());
   Kel::activityManager()->manualTime()->stepIs(0.0);
   EXPECT_EQ(sm->backlogCount(), 1u);
@@ -47,7 +49,7 @@ TEST_F(RouteDrain, BatchesAreBoundedByTheQuantumAndReArmed) {
   EXPECT_EQ(daemonRoutes(8).size(), 8u);
   EXPECT_TRUE(sm->backlogScheduled());
   // Re-armed for the delay after the batch (the stepped clock moved once more since).
-  EXPECT_NEAR(sm->backlogClockTimeMin(), Kel::now() + 0.04, 0.0101);
+  EXPECT_NEAR(sm->backlogClockTimeMin(), Kel::now() + 0.04, 1.0 / 64);
 
   // A bigger quantum takes effect at the next batch; the rest drains without loss.
   sm->routeBacklog()->backlogQuantumIs(10.0);
@@ -130,4 +132,4 @@ TEST_F(RouteDrain, TraceOfOneRoute) {
 }
 
 }  // namespace
-}  // namespace RouteTest
+}  // namespace ModuleTest

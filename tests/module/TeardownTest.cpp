@@ -2,15 +2,15 @@
 // replacing the route input directory withdraws the module's routes and frees their gateways;
 // links and addresses stay; a reactor the module itself replaces (a protocol change) or already
 // prepared is not prepared again.
-#include "tests/module/RouteWorld.h"
+#include "tests/module/World.h"
 
-namespace RouteTest {
+namespace ModuleTest {
 namespace {
 
-class Teardown : public RouteWorld {
+class Teardown : public World {
  protected:
   void SetUp() override {
-    RouteWorld::SetUp();
+    World::SetUp();
     intf("Ethernet1", "et1", 1, "10.0.1.1/24");
     daemonAddr(1, "2001:db8:1::1/64");
   }
@@ -75,4 +75,4 @@ TEST_F(Teardown, ReplacedDirectoryWithdrawsTheRoutesOfItsInputs) {
 }
 
 }  // namespace
-}  // namespace RouteTest
+}  // namespace ModuleTest
