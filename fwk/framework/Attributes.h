@@ -107,6 +107,17 @@ Ptr<T> instantiate(Args&&... args) {
   return p;
 }
 
+// The collection of a NOTIFIEES attribute. An adapter watches the entity it was made for as long
+// as it is a member, so it gives its key (the watched entity's), and its node keeps no copy.
+struct WatchedKey {
+  template <class Adapter>
+  const auto& operator()(const Adapter& a) const {
+    return a.watched()->key();
+  }
+};
+template <class Key, class Adapter>
+using NotifieeMap = HashMap<Key, Adapter, std::hash<Key>, WatchedKey>;
+
 // A notifiee a reactor adds to a NOTIFIEES collection takes the reactor's delivery switch.
 template <class Owner>
 void followDeliverySwitch(const Owner& owner, NotifieeBase& n) {
@@ -399,7 +410,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_MEMBER_NOTIFIEES(name, Cap, Key, Adapter, Watched)                               \
  public:                                                                                     \
   Adapter* name(const Key& k) const {                                                        \
-    return const_cast<::Kel::HashMap<Key, Adapter>&>(name##_).find(k);                       \
+    return const_cast<::Kel::NotifieeMap<Key, Adapter>&>(name##_).find(k);                   \
   }                                                                                          \
   Adapter* name##Is(const ::Kel::Ptr<const Watched>& kelW) {                                 \
     if (!kelW) {                                                                             \
@@ -424,16 +435,16 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     if (!name##_.erase(k)) return;                                                           \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                          \
   }                                                                                          \
-  typename ::Kel::HashMap<Key, Adapter>::Iterator name##Iterator() const {                   \
+  typename ::Kel::NotifieeMap<Key, Adapter>::Iterator name##Iterator() const {               \
     return name##_.begin();                                                                  \
   }                                                                                          \
   std::size_t name##Count() const { return name##_.size(); }                                 \
   /* Room for n adapters without growing the index (a reactor about to watch that many). */  \
   void name##Reserve(std::size_t n) { name##_.reserve(n); }                                  \
-  const ::Kel::HashMap<Key, Adapter>& name##Collection() const { return name##_; }           \
+  const ::Kel::NotifieeMap<Key, Adapter>& name##Collection() const { return name##_; }       \
                                                                                              \
  private:                                                                                    \
-  ::Kel::HashMap<Key, Adapter> name##_;
+  ::Kel::NotifieeMap<Key, Adapter> name##_;
 
 // ---- the whole entity body ----
 #define KEL_ENTITY(Class, QualifiedName, LIST)                                              \
@@ -447,6 +458,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     Notifiee() = default;                                                                   \
     ~Notifiee() override { notifierIs(nullptr); }                                           \
     ::Kel::Ptr<const Class> notifier() const { return ::Kel::Ptr<const Class>(watched()); } \
+    /* The watched entity without a reference of its own (null: none). */                   \
+    const Class* watched() const { return static_cast<const Class*>(notifierBase()); }      \
     void notifierIs(const ::Kel::Ptr<const Class>& n) {                                     \
       const Class* old = watched();                                                         \
       if (n.ptr() == old) return;                                                           \
@@ -457,8 +470,6 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     /* Every callback not overridden lands here with the attribute's declared position. */  \
     virtual void kelAttributeChanged(unsigned) {}                                           \
     LIST(KEL_CB_)                                                                           \
-   private:                                                                                 \
-    const Class* watched() const { return static_cast<const Class*>(notifierBase()); }      \
   };                                                                                        \
   static const char* kelTypeName() { return QualifiedName; }                                \
   KEL_TABLES_(Class, LIST, KEL_INFO_, KEL_ACC_)                                             \

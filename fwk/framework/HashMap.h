@@ -21,7 +21,12 @@
 // outgrows that, and goes when it is emptied.
 // A value type that cannot move (a notifiee, registered with its notifier by address) lives in
 // its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
-// Its destructor must not change the map.
+// Its destructor must not use the map.
+// Such a value may carry its own key (a notifiee's key is its watched entity's): given KeyOf, with
+// KeyOf()(value) returning the key the value was stored under for as long as it is a member, a
+// node keeps no key of its own while live; an erased one (a tombstone) keeps the key in the
+// value's place. That takes a key that is trivially copyable and no larger than the value;
+// otherwise KeyOf is ignored and the node keeps the key.
 #pragma once
 
 #include <bit>
@@ -37,7 +42,7 @@
 
 namespace Kel {
 
-template <class K, class V, class H = std::hash<K>>
+template <class K, class V, class H = std::hash<K>, class KeyOf = void>
 class HashMap {
   static constexpr std::uint32_t kNil = 0x7fffffffu;  // no node: at most kNil - 1 members
   static constexpr std::size_t kSmall = 8;
@@ -45,6 +50,15 @@ class HashMap {
   // Values that cannot be moved are built in place; such a value exists exactly while its node
   // is live.
   static constexpr bool kInPlace = !std::is_move_assignable_v<V>;
+  // The node keeps the key, or the value gives it (see the header).
+  static constexpr bool kKeyed = []() {
+    if constexpr (std::is_void_v<KeyOf> || !kInPlace) {
+      return true;
+    } else {
+      return !(std::is_trivially_copyable_v<K> && sizeof(K) <= sizeof(V) &&
+               alignof(K) <= alignof(V));
+    }
+  }();
   // at(): where the value is (or will be built), read or not.
   struct Held {
     V v{};
@@ -62,8 +76,11 @@ class HashMap {
   // the one its lookup computed; a tombstone dropped later and the nodes of a small collection
   // getting its index are hashed again. The value last, so a small one (a backlog's bool) takes
   // no word of its own.
-  struct Node {
+  struct KeptKey {
     K key{};
+  };
+  struct NoKey {};
+  struct Node : std::conditional_t<kKeyed, KeptKey, NoKey> {
     std::uint32_t prev : 31 = kNil;
     std::uint32_t live : 1 = 0;
     std::uint32_t next = kNil;  // order list; the free list for unused nodes
@@ -159,8 +176,9 @@ class HashMap {
   // true: that value stays, and the result is {value, false}, false (nothing built). Otherwise
   // {emplace's result, true}.
   template <class Keep, class... A>
-  std::pair<std::pair<V*, bool>, bool> emplaceUnless(const K& k, Keep&& keep,
+  std::pair<std::pair<V*, bool>, bool> emplaceUnless(const K& key, Keep&& keep,
                                                      A&&... args) requires kInPlace {
+    const KeyArg k = key;
     auto [i, fresh] = locate(k);
     Node& n = node(i);
     if (n.live && keep(n.value())) return {{&n.value(), false}, false};
@@ -172,10 +190,20 @@ class HashMap {
       --live_;
       ++dead_;
       n.value().~V();
+      keyIs(n, k);
     } else if (fresh) {
       ++dead_;
     }
-    ::new (static_cast<void*>(n.cell.raw)) V(std::forward<A>(args)...);
+    if constexpr (kKeyed) {
+      ::new (static_cast<void*>(n.cell.raw)) V(std::forward<A>(args)...);
+    } else {
+      try {
+        ::new (static_cast<void*>(n.cell.raw)) V(std::forward<A>(args)...);
+      } catch (...) {
+        keyIs(n, k);  // the failed constructor may have written over the tombstone's key
+        throw;
+      }
+    }
     revive(n, false);
     return {{&n.value(), added}, true};
   }
@@ -192,7 +220,8 @@ class HashMap {
   }
 
   // Returns false when k is absent.
-  bool erase(const K& k) {
+  bool erase(const K& key) {
+    const KeyArg k = key;
     const std::uint32_t h = mix(k);
     const std::uint32_t i = lookup(k, h);
     if (i == kNil || !node(i).live) return false;
@@ -202,6 +231,7 @@ class HashMap {
     ++dead_;
     if constexpr (kInPlace) {
       n.value().~V();
+      keyIs(n, k);
       settleErased(i, h);
     } else {
       [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
@@ -215,10 +245,16 @@ class HashMap {
     for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
       Node& n = node(i);
       if (!n.live) continue;
-      n.live = false;
-      if constexpr (kInPlace) {
+      if constexpr (!kKeyed) {
+        const K k = keyOf(n);
+        n.live = false;
+        n.value().~V();
+        keyIs(n, k);
+      } else if constexpr (kInPlace) {
+        n.live = false;
         n.value().~V();
       } else {
+        n.live = false;
         n.value() = V{};
       }
       --live_;
@@ -247,7 +283,7 @@ class HashMap {
 
     explicit operator bool() const { return node_ != nullptr; }
     bool atEnd() const { return node_ == nullptr; }
-    const K& key() const { return node_->key; }
+    const K& key() const { return map_->keyOf(*node_); }
     V& value() const { return node_->value(); }
     Iterator& operator++() {
       node_ = map_->firstLive(node_ ? node_->next : kNil);
@@ -255,7 +291,7 @@ class HashMap {
     }
 
     // Range-for support.
-    std::pair<const K&, V&> operator*() const { return {node_->key, node_->value()}; }
+    std::pair<const K&, V&> operator*() const { return {map_->keyOf(*node_), node_->value()}; }
     bool operator!=(const Iterator& o) const { return node_ != o.node_; }
 
    private:
@@ -320,7 +356,7 @@ class HashMap {
   // when there are not that many; walks n + 1 members.
   const K* peek(std::size_t n) const {
     for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      if (node(i).live && n-- == 0) return &node(i).key;
+      if (node(i).live && n-- == 0) return &keyOf(node(i));
     }
     return nullptr;
   }
@@ -343,6 +379,27 @@ class HashMap {
     return spill_->more()[b - 1][i + 1u - (1u << b)];
   }
 
+  // A key argument as held during an erasure or a replacement: when the value gives the key, a
+  // copy, as the argument may be that value's own key, gone with the value.
+  using KeyArg = std::conditional_t<kKeyed, const K&, const K>;
+  // The key of a live node or a tombstone.
+  const K& keyOf(const Node& n) const {
+    if constexpr (kKeyed) {
+      return n.key;
+    } else {
+      if (n.live) return KeyOf()(*std::launder(n.cell.at()));
+      return *std::launder(reinterpret_cast<const K*>(n.cell.raw));
+    }
+  }
+  // Gives a node that is not live (fresh, or a tombstone whose value was just destroyed) its key.
+  void keyIs(Node& n, const K& k) {
+    if constexpr (kKeyed) {
+      n.key = k;
+    } else {
+      ::new (static_cast<void*>(n.cell.raw)) K(k);
+    }
+  }
+
   // The node of k, made (and linked at the back, not yet live) when the index has none.
   std::pair<std::uint32_t, bool> locate(const K& k) {
     const std::uint32_t h = mix(k);
@@ -353,8 +410,7 @@ class HashMap {
       rehash(unindexed() ? 16 : std::size_t{slotCount()} * 2);
     }
     i = allocate();
-    Node& n = node(i);
-    n.key = k;
+    keyIs(node(i), k);
     if (!unindexed()) place(h, i);
     link(i);
     return {i, true};
@@ -375,7 +431,7 @@ class HashMap {
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
     if (unindexed()) {  // small: every node of the index is on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-        if (node(i).key == k) return i;
+        if (keyOf(node(i)) == k) return i;
       }
       return kNil;
     }
@@ -386,7 +442,7 @@ class HashMap {
       if (s == 0) return kNil;
       if (static_cast<std::uint32_t>(s >> 32) == h) {
         const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
-        if (node(i).key == k) return i;
+        if (keyOf(node(i)) == k) return i;
       }
     }
   }
@@ -406,7 +462,7 @@ class HashMap {
     old.swap(spill().slots);
     const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
     if (oldCount == 0) {  // leaving small: index the nodes on the order list
-      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(node(i).key), i);
+      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(keyOf(node(i))), i);
       return;
     }
     for (std::size_t j = 0; j < oldCount; ++j) {
@@ -472,13 +528,13 @@ class HashMap {
   }
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
   // to the free list.
-  void forget(std::uint32_t i) { forget(i, mix(node(i).key)); }
+  void forget(std::uint32_t i) { forget(i, mix(keyOf(node(i)))); }
   // As forget, with the key's hash already at hand.
   void forget(std::uint32_t i, std::uint32_t h) {
     unlink(i);
     if (!unindexed()) unplace(i, h);
     Node& n = node(i);
-    n.key = K{};
+    if constexpr (kKeyed) n.key = K{};
     n.next = free_;
     n.prev = kNil;
     free_ = i;
@@ -510,7 +566,7 @@ class HashMap {
     blocks_ = 0;
     head_ = tail_ = free_ = kNil;
     dead_ = 0;
-    first_.key = K{};
+    if constexpr (kKeyed) first_.key = K{};
   }
   // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
   // without hashing its key again (a drain or a withdraw-all erases from the front).

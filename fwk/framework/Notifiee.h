@@ -63,14 +63,22 @@ class NotifieeBase {
   // Unregisters from the previous notifier, then registers with n (null: watches nothing).
   void notifierBaseIs(const NotifierBase* n);
   const NotifierBase* notifierBase() const { return notifier_; }
+  // Two bytes that would otherwise be padding, for a notifiee made by the million to name its
+  // owner by a Kel::Handle (0 until set).
+  std::uint16_t ownerHandle() const { return ownerHandle_; }
+  void ownerHandleIs(std::uint16_t h) { ownerHandle_ = h; }
 
  private:
   friend class NotifierBase;
   const NotifierBase* notifier_ = nullptr;
   std::uint32_t serial_ = 0;  // 0: not registered
   bool active_ = true;
+  std::uint16_t ownerHandle_ = 0;
   static inline std::vector<NotifieeBase*>* collector_ = nullptr;
 };
+
+// The handle sits in what would be the padding after the flag: a notifiee is three words.
+static_assert(sizeof(NotifieeBase) == 3 * sizeof(void*));
 
 class NotifierBase {
  public:

@@ -77,11 +77,14 @@ void RouteInputSmT<Traits>::KelRouteInput::onRoutekelImmediate() {
   owner_->handleRoute();
 }
 
+// A route adapter is its base and nothing more: a million of them are a million nodes.
+static_assert(sizeof(RouteInputSm::KelRoute) == sizeof(Kel::NotifieeBase));
+
 template <class Traits>
 void RouteInputSmT<Traits>::KelRoute::handleVia() {
   IRI_SIGNATURE("void ", Traits::routeInputSmType, "::KelRoute::handleVia()");
   IRI_TRACE_BEGIN();
-  owner_->handleRoute(this->notifier()->key());
+  this->owner()->handleRoute(this->watched()->key());
   IRI_TRACE_END();
 }
 

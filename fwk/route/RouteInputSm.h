@@ -17,6 +17,7 @@
 #include <memory>
 
 #include "fwk/framework/Attributes.h"
+#include "fwk/framework/Handles.h"
 #include "fwk/model/InterfaceModel.h"
 #include "fwk/route/RouteBacklog.h"
 #include "fwk/route/RouteBacklogSm.h"
@@ -40,19 +41,18 @@ class RouteInputSmT : public Kel::Reactor {
   using GwPtr = gw_entry*;
 
   // Watches one route: a via change, a whole-via resynchronisation or a tag change queues it.
+  // There is one for every route of the input, so it names its reactor by handle, not pointer.
   class KelRoute : public Route::Notifiee {
    public:
-    KelRoute(RouteInputSmT* owner, const Kel::Ptr<const Route>& route) : owner_(owner) {
+    KelRoute(RouteInputSmT* owner, const Kel::Ptr<const Route>& route) {
+      this->ownerHandleIs(owner->handle_.value());
       this->notifierIs(route);
     }
     void onVia(const Via&) override { handleVia(); }
     void onViakelImmediate() override { handleVia(); }
     void onTag() override { handleVia(); }
     void handleVia();
-    RouteInputSmT* owner() const { return owner_; }
-
-   private:
-    RouteInputSmT* owner_;
+    RouteInputSmT* owner() const { return Kel::Handles<RouteInputSmT>::at(this->ownerHandle()); }
   };
 
   // Watches the route input: the protocol number and the route collection.
@@ -102,6 +102,8 @@ class RouteInputSmT : public Kel::Reactor {
   void handleRoute(const Key& key);
 
  private:
+  // Names this reactor to its route adapters, none of which is made before it.
+  Kel::Handle<RouteInputSmT> handle_{this};
   KelRouteInput kelRouteInput_{this};
 };
 
