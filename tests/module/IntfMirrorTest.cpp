@@ -14,10 +14,18 @@ TEST_F(IntfMirror, ReconciliationAddsFlapsAndDeletesWithItsExactTraces) {
   device("et1", 5);
   status("Ethernet1", "et1", 9000);
   ip("default", "Ethernet1", "10.0.1.1/24", {"10.0.9.1/24"});
-  ip6("Ethernet1", {"2001:db8:1::1/64"});
+  ip6("Ethernet1", {"2001:db8:1::1/64", "fe80::1/64"});
   start();
   settle();
   EXPECT_EQ(daemonTable(), reference());
+  // Only the link-local address is marked so (then it goes again).
+  for (const char* a : {"2001:db8:1::1", "fe80::1"}) {
+    const if_addr* ifa = if_withdstaddr(daemonSock(a));
+    ASSERT_TRUE(ifa) << a;
+    EXPECT_EQ((ifa->ifa_info.ifi_state & IFS_LINKLOCAL) != 0, a[0] == 'f') << a;
+  }
+  ip6("Ethernet1", {"2001:db8:1::1/64"});
+  settle();
   std::vector<std::string> ev = messages(rec_, 0);
   ev.erase(ev.begin(), std::find(ev.begin(), ev.end(),
                                  "Interface Ethernet1 with ifIndex 5 has been added to corvd"));
@@ -26,6 +34,8 @@ TEST_F(IntfMirror, ReconciliationAddsFlapsAndDeletesWithItsExactTraces) {
                     "Ip Address 10.0.1.1/24 of interface Ethernet1 added ",
                     "Ip Address 10.0.9.1/24 of interface Ethernet1 added ",
                     "IP6 Address 2001:db8:1::1/64 added on interface Ethernet1",
+                    "IP6 Address fe80::1/64 added on interface Ethernet1",
+                    "Ip6 address fe80::1/64 of interface Ethernet1deleted",
                 }));
   EXPECT_TRUE(traced("Interface: Ethernet1 FlapInterface: 0", 8));
   EXPECT_TRUE(traced("Interface Ethernet1 has valid ipv4 address", 8));

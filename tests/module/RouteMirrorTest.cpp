@@ -104,6 +104,35 @@ TEST_F(RouteMirror, ChangesInPlaceAndDeletesOnlyItsOwnEntries) {
   EXPECT_TRUE(traced("Successfully deleted route from corvd for dest203.0.113.0/24"));
 }
 
+// A whole-collection resynchronisation after changes the reactor did not hear: it stops watching
+// the routes gone, watches the new ones (whose changes then reach the daemon) and mirrors them.
+TEST_F(RouteMirror, ResyncWatchesExactlyTheRoutesOfItsInput) {
+  auto bgp = input("bgp", 8, 20);
+  publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}});
+  publish(bgp, "198.18.0.0/15", {{"", "10.0.1.3"}});
+  start();
+  run();
+  auto sm = root_->routingConfigSm()->routeInputDirSm()->routeInputSm("bgp");
+  ASSERT_TRUE(sm);
+  ASSERT_EQ(sm->routeCount(), 2u);
+
+  sm->hasNotificationActiveIs(false);
+  bgp->routeDel(key("198.18.0.0/15"));
+  auto added = publish(bgp, "192.0.2.128/25", {{"", "10.0.2.7"}});
+  sm->hasNotificationActiveIs(true);
+  bgp->routeResync();
+  EXPECT_EQ(sm->routeCount(), 2u);
+  EXPECT_FALSE(sm->route(key("198.18.0.0/15")));
+  ASSERT_TRUE(sm->route(key("192.0.2.128/25")));
+  EXPECT_EQ(sm->route(key("192.0.2.128/25"))->owner(), sm.ptr());
+  run();
+  EXPECT_EQ(daemonRoutes(8).at("192.0.2.128/25"), "pref 20 via 10.0.2.7 dev et2");
+  added->viaIs(Routing::Via{Kanet::IntfId(""), addr("10.0.1.9")}, true);
+  run();
+  EXPECT_EQ(daemonRoutes(8).at("192.0.2.128/25"),
+            "pref 20 via 10.0.2.7 dev et2, via 10.0.1.9 dev et1");
+}
+
 TEST_F(RouteMirror, FailedDaemonAddIsReportedAndNotRetried) {
   auto bgp = input("bgp", 8, 20);
   publish(bgp, "203.0.113.0/24", {{"", "10.0.1.2"}});
