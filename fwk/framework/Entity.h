@@ -7,8 +7,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "fwk/framework/Name.h"
@@ -38,13 +40,13 @@ class Entity : public PtrInterface, public NotifierBase {
  public:
   // Its name: the text it was made with or, for an entity named by its key (made with
   // kNamedByKey: routes, interface and VRF status entries), its key's text, made when asked.
-  Name name() const { return text_ ? Name(*text_) : kelKeyName(); }
+  Name name() const { return (kelSpare_ & kHasText) ? Name(texts().at(this)) : kelKeyName(); }
   // Kept by the framework for the state database's lifecycle; the module's logic ignores it. A
   // change is reported to the notifiees as LifeEvent::isNondestructing.
-  bool isNondestructing() const { return kelSpare_ != 0; }
+  bool isNondestructing() const { return (kelSpare_ & kNondestructing) != 0; }
   void isNondestructingIs(bool v) {
     if (v == isNondestructing()) return;
-    kelSpare_ = v ? 1 : 0;
+    kelSpare_ ^= kNondestructing;
     kelLifeEventIs(LifeEvent::isNondestructing);
   }
   // The registered name of a declared attribute; a twin type that registers other names than
@@ -54,9 +56,11 @@ class Entity : public PtrInterface, public NotifierBase {
   static long liveCount() { return live_; }
 
  protected:
-  explicit Entity(Name name)
-      : text_(name.empty() ? nullptr : std::make_unique<const std::string>(name.string())) {
+  explicit Entity(Name name) {
     ++live_;
+    if (name.empty()) return;
+    texts().emplace(this, name.string());
+    kelSpare_ |= kHasText;
   }
   enum NamedByKey { kNamedByKey };
   explicit Entity(NamedByKey) { ++live_; }
@@ -65,10 +69,22 @@ class Entity : public PtrInterface, public NotifierBase {
   void kelLifeEventIs(LifeEvent e) const {
     deliver<NotifieeBase>([e](NotifieeBase& n) { n.kelLifeEvent(e); });
   }
-  ~Entity() override { --live_; }
+  ~Entity() override {
+    --live_;
+    if (kelSpare_ & kHasText) texts().erase(this);
+  }
 
  private:
-  std::unique_ptr<const std::string> text_;  // null: no name, or named by its key
+  // The bits of the byte PtrInterface spares.
+  static constexpr std::uint8_t kNondestructing = 1;
+  static constexpr std::uint8_t kHasText = 2;  // its name is in texts()
+  // The names of the entities named by a text (reactors, inputs, directories: a few hundred),
+  // apart from the entities, so that the million named by their keys carry no pointer for one.
+  // Never destroyed: an entity may outlive static destruction.
+  static std::unordered_map<const Entity*, std::string>& texts() {
+    static auto* t = new std::unordered_map<const Entity*, std::string>;
+    return *t;
+  }
   static inline long live_ = 0;
 };
 

@@ -10,20 +10,19 @@
 // in one pass; amortised O(1) per erase); when none is live, all go at once with the storage. A
 // key inserted again while its tombstone is kept takes its old place in the order.
 // Values are returned by pointer; a pointer is valid until its member is erased. A collection
-// holds at most 2^31 - 2 members (node indexes are 31-bit).
-// Layout, chosen for collections of a million members (a routing table's keys): members live in
-// pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
-// order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
-// 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
-// touches one slot run and, on a hash match, one node. No allocation per member; the first node
-// is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no index:
-// a lookup walks its few nodes, comparing keys. The index is built when the collection
-// outgrows that, and goes when it is emptied.
-// A value type that cannot move (a notifiee, registered with its notifier by address) lives in
-// its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
-// Its destructor must not use the map.
-// Such a value may carry its own key (a notifiee's key is its watched entity's): given KeyOf, with
-// KeyOf()(value) returning the key the value was stored under for as long as it is a member, a
+// holds at most 2^31 - 2 members (node indexes are 31-bit); at most 65,535 iterators may be alive
+// on one at a time (one more aborts the process). Layout, chosen for collections of a million
+// members (a routing table's keys): members live in pooled nodes that never move (blocks doubling
+// in size, recycled through a free list), linked in order by 32-bit indexes; the index is one flat
+// open-addressing table (linear probing, at most 3/4 full) of 64-bit slots holding 32 bits of the
+// key's hash and the node's index, so a lookup touches one slot run and, on a hash match, one node.
+// No allocation per member; the first node is inside the map. A collection of up to kSmall nodes (a
+// route's next hops, say) has no index: a lookup walks its few nodes, comparing keys. The index is
+// built when the collection outgrows that, and goes when it is emptied. A value type that cannot
+// move (a notifiee, registered with its notifier by address) lives in its node: emplace() builds it
+// there, erase() destroys it there, and it never moves until then. Its destructor must not use the
+// map. Such a value may carry its own key (a notifiee's key is its watched entity's): given KeyOf,
+// with KeyOf()(value) returning the key the value was stored under for as long as it is a member, a
 // node keeps no key of its own while live; an erased one (a tombstone) keeps the key in the
 // value's place. That takes a key that is trivially copyable and no larger than the value;
 // otherwise KeyOf is ignored and the node keeps the key.
@@ -32,6 +31,8 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <new>
@@ -297,7 +298,13 @@ class HashMap {
    private:
     friend class HashMap;
     Iterator(const HashMap* m, Node* n) : map_(m), node_(n) {
-      if (map_) ++map_->iterators_;
+      if (!map_) return;
+      if (map_->iterators_ == UINT16_MAX) {
+        std::fprintf(stderr, "Kel::HashMap: more than %u iterators alive on %p\n", UINT16_MAX,
+                     static_cast<const void*>(map_));
+        std::abort();
+      }
+      ++map_->iterators_;
     }
     const HashMap* map_ = nullptr;
     Node* node_ = nullptr;
@@ -602,7 +609,10 @@ class HashMap {
   std::uint32_t free_ = kNil;
   std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
-  mutable std::uint32_t iterators_ = 0;
+  // 16 bits: with the block count, the counts take three words, and a route (whose next hops are
+  // such a map) fits a smaller heap block. A walk alive on one collection 65,535 times over is a
+  // fault.
+  mutable std::uint16_t iterators_ = 0;
   std::uint8_t blocks_ = 0;  // blocks made, the first node's included
 };
 

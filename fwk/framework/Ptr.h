@@ -53,7 +53,8 @@ class PtrInterface {
   }
 
   // A byte beside the count that the derived class may use (an entity keeps its lifecycle flag
-  // here): it fills what would be padding, so a million routes do not each pay 8 bytes for it.
+  // and whether it has a name text here): it fills what would be padding, so a million routes do
+  // not each pay 8 bytes for it.
   std::uint8_t kelSpare_ = 0;
 
  private:

@@ -224,6 +224,20 @@ TEST(Instantiation, ReinstantiatingWithEqualParametersReturnsTheMemberAndDiffere
   EXPECT_EQ(Kel::Entity::liveCount(), before) << "the owner released its children and adapters";
 }
 
+// Names by text live apart from their entities: each entity keeps its own, also one made where
+// an earlier one was freed, and the lifecycle flag beside the name's mark changes neither.
+TEST(Names, EachEntityKeepsItsOwnTextAndTheLifecycleFlagLeavesItAlone) {
+  for (int k = 0; k < 50; ++k) {
+    auto w = Kel::make<Watched>(k);  // the heap gives the last block freed again
+    ASSERT_EQ(w->name().string(), "w" + std::to_string(k));
+    w->isNondestructingIs(true);
+    EXPECT_TRUE(w->isNondestructing());
+    EXPECT_EQ(w->name().string(), "w" + std::to_string(k));
+    w->isNondestructingIs(false);
+    EXPECT_FALSE(w->isNondestructing());
+  }
+}
+
 TEST(Pointers, ValidPtrRefusesNullAndReferenceUnderflowAborts) {
   try {
     Kel::ValidPtr<Watched> p(static_cast<Watched*>(nullptr));

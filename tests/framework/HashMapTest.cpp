@@ -159,6 +159,18 @@ TEST(HashMap, ResumeAtErasedKeyStartsAtItsSuccessor) {
   EXPECT_EQ(it.key(), 4) << "a key inserted again keeps its place while its tombstone is kept";
 }
 
+// The count of live walks is 16 bits wide: one walk too many stops the process instead of
+// wrapping the count to zero (which would purge tombstones under the walks).
+TEST(HashMapDeath, OneWalkTooManyAborts) {
+  Kel::HashMap<int, int> m;
+  m.insert(1, 1);
+  std::vector<Kel::HashMap<int, int>::Iterator> walks;
+  walks.reserve(65534);
+  while (walks.size() < 65534) walks.push_back(m.begin());
+  const auto last = m.begin();  // the 65,535th alive
+  EXPECT_DEATH(m.begin(), "more than 65535 iterators alive");
+}
+
 TEST(HashMap, ErasingReleasesTheValueAtOnce) {
   auto shared = std::make_shared<int>(7);
   Kel::HashMap<int, std::shared_ptr<int>> m;
