@@ -19,28 +19,34 @@ template <class T>
 class Handles {
  public:
   // The owner named h (null: none; h came from a Handle that is gone, or is 0).
-  static T* at(std::uint16_t h) { return table_[h]; }
+  static T* at(std::uint16_t h) { return table()[h]; }
 
  private:
   template <class>
   friend class Handle;
   static std::uint16_t add(T* owner) {
-    for (std::size_t h = 1; h < table_.size(); ++h) {
-      if (table_[h]) continue;
-      table_[h] = owner;
+    std::vector<T*>& t = table();
+    for (std::size_t h = 1; h < t.size(); ++h) {
+      if (t[h]) continue;
+      t[h] = owner;
       return static_cast<std::uint16_t>(h);
     }
-    if (table_.size() > UINT16_MAX) {
+    if (t.size() > UINT16_MAX) {
       throw RangeException("more than 65535 live " + std::string(typeNameOf<T>()) + " not allowed");
     }
-    table_.push_back(owner);
-    return static_cast<std::uint16_t>(table_.size() - 1);
+    t.push_back(owner);
+    return static_cast<std::uint16_t>(t.size() - 1);
   }
   static void remove(std::uint16_t h) {
-    table_[h] = nullptr;
-    while (table_.size() > 1 && !table_.back()) table_.pop_back();
+    std::vector<T*>& t = table();
+    t[h] = nullptr;
+    while (t.size() > 1 && !t.back()) t.pop_back();
   }
-  static inline std::vector<T*> table_{nullptr};  // 0 names nothing
+  // Slot 0 names nothing. Never destroyed: an owner may outlive static destruction.
+  static std::vector<T*>& table() {
+    static auto* t = new std::vector<T*>{nullptr};
+    return *t;
+  }
 };
 
 // The handle of one owner, held as a member of it: not copied or moved with it.

@@ -11,21 +11,24 @@
 // key inserted again while its tombstone is kept takes its old place in the order.
 // Values are returned by pointer; a pointer is valid until its member is erased. A collection
 // holds at most 2^31 - 2 members (node indexes are 31-bit); at most 65,535 iterators may be alive
-// on one at a time (one more aborts the process). Layout, chosen for collections of a million
-// members (a routing table's keys): members live in pooled nodes that never move (blocks doubling
-// in size, recycled through a free list), linked in order by 32-bit indexes; the index is one flat
-// open-addressing table (linear probing, at most 3/4 full) of 64-bit slots holding 32 bits of the
-// key's hash and the node's index, so a lookup touches one slot run and, on a hash match, one node.
-// No allocation per member; the first node is inside the map. A collection of up to kSmall nodes (a
-// route's next hops, say) has no index: a lookup walks its few nodes, comparing keys. The index is
-// built when the collection outgrows that, and goes when it is emptied. A value type that cannot
-// move (a notifiee, registered with its notifier by address) lives in its node: emplace() builds it
-// there, erase() destroys it there, and it never moves until then. Its destructor must not use the
-// map. Such a value may carry its own key (a notifiee's key is its watched entity's): given KeyOf,
-// with KeyOf()(value) returning the key the value was stored under for as long as it is a member, a
-// node keeps no key of its own while live; an erased one (a tombstone) keeps the key in the
-// value's place. That takes a key that is trivially copyable and no larger than the value;
-// otherwise KeyOf is ignored and the node keeps the key.
+// on one at a time (one more aborts the process).
+//
+// Layout, chosen for collections of a million members (a routing table's keys): members live in
+// pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
+// order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
+// 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
+// touches one slot run and, on a hash match, one node. No allocation per member; the first node
+// is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no index:
+// a lookup walks its few nodes, comparing keys. The index is built when the collection outgrows
+// that, and goes when it is emptied.
+//
+// A value type that cannot move (a notifiee, registered with its notifier by address) lives in
+// its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
+// Its destructor must not use the map. Such a value may carry its own key (a notifiee's key is
+// its watched entity's): given KeyOf, with KeyOf()(value) returning the key the value was stored
+// under for as long as it is a member, a live node keeps no key of its own, and an erased one (a
+// tombstone) keeps the key in the value's place. That takes a key that is trivially copyable and
+// no larger than the value; otherwise KeyOf is ignored and the node keeps the key.
 #pragma once
 
 #include <bit>
