@@ -262,6 +262,52 @@ TEST_F(IntfMirror, FlagChangesCoalesceAndOtherChangesRefreshAtOnce) {
   EXPECT_EQ(daemonTable(), reference());
 }
 
+// A flapped interface whose addresses wait for another entry's cleaning stays queued: it is
+// flapped once, not again when it comes round.
+TEST_F(IntfMirror, DeferredInterfaceIsFlappedOnce) {
+  device("et1", 5);
+  device("et2", 6);
+  status("Ethernet1", "et1");
+  status("Ethernet2", "et2");
+  ip("default", "Ethernet1", "10.0.1.1/24");
+  ip("default", "Ethernet2", "10.0.2.1/24");
+  start();
+  settle();
+  const auto dellinks = corvd_call_count("if_conf_dellink");
+  rec_.clear();
+  oper("Ethernet1", false);
+  ip("default", "Ethernet2", "10.0.2.1/16");  // queued behind it, still to be cleaned
+  settle();
+  EXPECT_TRUE(traced(" Deferring adding addresses for Ethernet1", 8));
+  EXPECT_EQ(corvd_call_count("if_conf_dellink"), dellinks + 1);
+  EXPECT_EQ(traced("Delete interface Ethernet1 with ifIndex 5 from corvd to flap it"), 1);
+  EXPECT_EQ(daemonTable(), reference());
+}
+
+// A resynchronisation of the VRF's interfaces after changes the address reactor did not hear:
+// it stops watching the interface gone and queues what it still lists.
+TEST_F(IntfMirror, AddressResyncWatchesExactlyTheVrfsInterfaces) {
+  device("et1", 5);
+  device("et2", 6);
+  status("Ethernet1", "et1");
+  status("Ethernet2", "et2");
+  ip("default", "Ethernet1", "10.0.1.1/24");
+  ip("default", "Ethernet2", "10.0.2.1/24");
+  start();
+  settle();
+  auto sm = root_->vrfIpIntfStatusSm()->ipIntfStatusSm();
+  ASSERT_TRUE(sm);
+  ASSERT_EQ(sm->ipIntfStatusCount(), 2u);
+  sm->hasNotificationActiveIs(false);
+  ipDel("default", "Ethernet2");
+  sm->hasNotificationActiveIs(true);
+  ipStatus_->vrfIpIntfStatus(Ip::VrfName("default"))->ipIntfStatusResync();
+  EXPECT_EQ(sm->ipIntfStatusCount(), 1u);
+  EXPECT_FALSE(sm->ipIntfStatus(Kanet::IntfId("Ethernet2")));
+  EXPECT_TRUE(sm->ipIntfStatus(Kanet::IntfId("Ethernet1")));
+  EXPECT_TRUE(root_->intfBacklog()->backlog(Kanet::IntfId("Ethernet1")));
+}
+
 TEST_F(IntfMirror, VrfSelectionRuleQueuesOnlyTheServedVrf) {
   device("et1", 5);
   device("et2", 6);
