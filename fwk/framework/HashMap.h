@@ -55,14 +55,9 @@ class HashMap {
   // is live.
   static constexpr bool kInPlace = !std::is_move_assignable_v<V>;
   // The node keeps the key, or the value gives it (see the header).
-  static constexpr bool kKeyed = []() {
-    if constexpr (std::is_void_v<KeyOf> || !kInPlace) {
-      return true;
-    } else {
-      return !(std::is_trivially_copyable_v<K> && sizeof(K) <= sizeof(V) &&
-               alignof(K) <= alignof(V));
-    }
-  }();
+  static constexpr bool kKeyed = std::is_void_v<KeyOf> || !kInPlace ||
+                                 !std::is_trivially_copyable_v<K> || sizeof(K) > sizeof(V) ||
+                                 alignof(K) > alignof(V);
   // at(): where the value is (or will be built), read or not.
   struct Held {
     V v{};
@@ -190,11 +185,7 @@ class HashMap {
     // k becomes a tombstone first: whatever the destructor or the constructor does or throws,
     // the map stays consistent.
     if (n.live) {
-      n.live = false;
-      --live_;
-      ++dead_;
-      n.value().~V();
-      keyIs(n, k);
+      bury(n, k);
     } else if (fresh) {
       ++dead_;
     }
@@ -230,14 +221,13 @@ class HashMap {
     const std::uint32_t i = lookup(k, h);
     if (i == kNil || !node(i).live) return false;
     Node& n = node(i);
-    n.live = false;
-    --live_;
-    ++dead_;
     if constexpr (kInPlace) {
-      n.value().~V();
-      keyIs(n, k);
+      bury(n, k);
       settleErased(i, h);
     } else {
+      n.live = false;
+      --live_;
+      ++dead_;
       [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
       n.value() = V{};
       settleErased(i, h);
@@ -249,20 +239,15 @@ class HashMap {
     for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
       Node& n = node(i);
       if (!n.live) continue;
-      if constexpr (!kKeyed) {
-        const K k = keyOf(n);
-        n.live = false;
-        n.value().~V();
-        keyIs(n, k);
-      } else if constexpr (kInPlace) {
-        n.live = false;
-        n.value().~V();
+      if constexpr (kInPlace) {
+        const KeyArg k = keyOf(n);
+        bury(n, k);
       } else {
         n.live = false;
+        --live_;
+        ++dead_;
         n.value() = V{};
       }
-      --live_;
-      ++dead_;
     }
     if (iterators_ == 0) trimHead();
     maybePurge();
@@ -400,6 +385,15 @@ class HashMap {
       if (n.live) return KeyOf()(*std::launder(n.cell.at()));
       return *std::launder(reinterpret_cast<const K*>(n.cell.raw));
     }
+  }
+  // Makes the live node n, holding k, a tombstone: its value destroyed in place and, when the
+  // value gave the key, the key kept where the value was.
+  void bury(Node& n, const K& k) requires kInPlace {
+    n.live = false;
+    --live_;
+    ++dead_;
+    n.value().~V();
+    if constexpr (!kKeyed) keyIs(n, k);
   }
   // Gives a node that is not live (fresh, or a tombstone whose value was just destroyed) its key.
   void keyIs(Node& n, const K& k) {

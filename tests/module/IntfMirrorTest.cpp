@@ -8,7 +8,20 @@
 namespace ModuleTest {
 namespace {
 
-using IntfMirror = World;
+class IntfMirror : public World {
+ protected:
+  // Ethernet1 (et1, ifIndex 5, 10.0.1.1/24) and Ethernet2 (et2, 6, 10.0.2.1/24), mirrored.
+  void twoAddressedInterfaces() {
+    device("et1", 5);
+    device("et2", 6);
+    status("Ethernet1", "et1");
+    status("Ethernet2", "et2");
+    ip("default", "Ethernet1", "10.0.1.1/24");
+    ip("default", "Ethernet2", "10.0.2.1/24");
+    start();
+    settle();
+  }
+};
 
 TEST_F(IntfMirror, ReconciliationAddsFlapsAndDeletesWithItsExactTraces) {
   device("et1", 5);
@@ -99,14 +112,7 @@ TEST_F(IntfMirror, ReconciliationAddsFlapsAndDeletesWithItsExactTraces) {
 
 TEST_F(IntfMirror, MovedAddressIsNeverOnTwoLinksWhateverTheBacklogOrder) {
   OverlapObserver observer;
-  device("et1", 5);
-  device("et2", 6);
-  status("Ethernet1", "et1");
-  status("Ethernet2", "et2");
-  ip("default", "Ethernet1", "10.0.1.1/24");
-  ip("default", "Ethernet2", "10.0.2.1/24");
-  start();
-  settle();
+  twoAddressedInterfaces();
   // Swap the two addresses in one burst, then back, so each interface comes first once.
   for (int round = 0; round < 2; ++round) {
     rec_.clear();
@@ -265,14 +271,7 @@ TEST_F(IntfMirror, FlagChangesCoalesceAndOtherChangesRefreshAtOnce) {
 // A flapped interface whose addresses wait for another entry's cleaning stays queued: it is
 // flapped once, not again when it comes round.
 TEST_F(IntfMirror, DeferredInterfaceIsFlappedOnce) {
-  device("et1", 5);
-  device("et2", 6);
-  status("Ethernet1", "et1");
-  status("Ethernet2", "et2");
-  ip("default", "Ethernet1", "10.0.1.1/24");
-  ip("default", "Ethernet2", "10.0.2.1/24");
-  start();
-  settle();
+  twoAddressedInterfaces();
   const auto dellinks = corvd_call_count("if_conf_dellink");
   rec_.clear();
   oper("Ethernet1", false);
@@ -287,14 +286,7 @@ TEST_F(IntfMirror, DeferredInterfaceIsFlappedOnce) {
 // A resynchronisation of the VRF's interfaces after changes the address reactor did not hear:
 // it stops watching the interface gone and queues what it still lists.
 TEST_F(IntfMirror, AddressResyncWatchesExactlyTheVrfsInterfaces) {
-  device("et1", 5);
-  device("et2", 6);
-  status("Ethernet1", "et1");
-  status("Ethernet2", "et2");
-  ip("default", "Ethernet1", "10.0.1.1/24");
-  ip("default", "Ethernet2", "10.0.2.1/24");
-  start();
-  settle();
+  twoAddressedInterfaces();
   auto sm = root_->vrfIpIntfStatusSm()->ipIntfStatusSm();
   ASSERT_TRUE(sm);
   ASSERT_EQ(sm->ipIntfStatusCount(), 2u);
