@@ -503,6 +503,7 @@ if_addr* if_conf_addaddr(task* tp, if_info* ifi) {
   a->ifa_info.ifi_state = state;
   a->ifa_info.ifi_link = l;
   a->ifa_magic = ADDR_LIVE;
+  a->ifa_self = a;
   a->ifa_seq = ++t.seq;
   if_addr_set& s = l->ifl_addr_set;
   a->ifa_prev = s.ias_last;

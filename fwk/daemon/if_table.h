@@ -110,6 +110,7 @@ typedef struct _if_addr {
   uint32_t ifa_pending;       // reports queued for this address
   uint64_t ifa_seq;           // add order, ties in if_withdst
   rt_ref_list* ifa_routes;    // routes whose adjacency uses this address
+  struct _if_addr* ifa_self;  // this address: the adj_ifaps of a one-gateway route through it
 } if_addr;
 
 // A link's address list, in add order: for (if_addr* a = set.ias_first; a; a = a->ifa_next).

@@ -34,6 +34,7 @@ struct BytesHash {
 struct Shared {
   sockaddr_un addr;  // first: a caller's pointer to the copy is a pointer to its record
   uint32_t refs;
+  sockaddr_un* self;  // &addr: the adj_routers of a one-gateway entry through it
 };
 
 // Of the whole process, like the entry records that point into it. It keeps its storage once
@@ -51,10 +52,15 @@ sockaddr_un* addrShare(const sockaddr_un& addr) {
   sockaddr_un copy = addr;
   copy.sa_plen = SA_PLEN_NONE;
   Shared*& s = shares()[Bytes(copy)];
-  if (!s) s = new Shared{copy, 0};
+  if (!s) {
+    s = new Shared{copy, 0, nullptr};
+    s->self = &s->addr;
+  }
   ++s->refs;
   return &s->addr;
 }
+
+sockaddr_un** addrSlot(sockaddr_un* addr) { return &reinterpret_cast<Shared*>(addr)->self; }
 
 void addrUnshare(sockaddr_un* addr) {
   auto* s = reinterpret_cast<Shared*>(addr);

@@ -2,11 +2,13 @@
 // interface address's list of the entries that use it, which lets a change of the address set
 // aside, restore or delete exactly those entries.
 //
-// An entry at gateway j is on the list of adj_ifaps[j] at position adj_pos[j]; removal swaps the
-// list's last reference into the hole and fixes that entry's position, so both directions cost
-// O(1) for an entry of one gateway (the moved entry's gateways are searched). A one-gateway set
-// lives inside the entry; a larger one is a single block. The gateway addresses themselves are
-// shared copies (rt_addr.cpp).
+// An entry at gateway j is on the list of adj_ifaps[j] at position positions(adj)[j]; removal
+// swaps the list's last reference into the hole and fixes that entry's position, so both
+// directions cost O(1) for an entry of one gateway (the moved entry's gateways are searched). A
+// one-gateway set takes no memory of its own: its address arrays are one-element slots of the
+// shared gateway address and of the interface address (rt_table.h), its position is adj_pos1. A
+// larger set is a single block: the addresses, the interface addresses, the positions. The gateway
+// addresses themselves are shared copies (rt_addr.cpp).
 #include <new>
 #include <string>
 #include <vector>
@@ -16,7 +18,7 @@
 
 // Entries using one interface address, once per gateway of theirs that uses it. Which gateway
 // a reference stands for is not stored: it is the one of that entry using the address at that
-// position (adj_ifaps[j] and adj_pos[j]), a search of one gateway for almost every entry.
+// position (adj_ifaps[j] and positions(adj)[j]), a search of one gateway for almost every entry.
 struct rt_ref_list {
   std::vector<rt_entry*> refs;
 };
@@ -25,7 +27,15 @@ using namespace corvd_rt;
 
 namespace {
 
-std::size_t liveLists = 0;  // of the process, for rt_ref_list_count
+std::size_t liveLists = 0;
+
+// The adj_ifaps of a one-gateway set served by no interface address.
+if_addr* noIfap = nullptr;
+
+uint32_t* positions(rt_adjacency& adj) {
+  return adj.adj_n_gw == 1 ? &adj.adj_pos1
+                           : reinterpret_cast<uint32_t*>(adj.adj_ifaps + adj.adj_n_gw);
+}  // of the process, for rt_ref_list_count
 
 void freeList(if_addr* a) {
   delete a->ifa_routes;
@@ -40,17 +50,18 @@ void refAdd(rt_entry* rt, int j) {
     a->ifa_routes = new rt_ref_list;  // freed with its last reference, or with the address
     ++liveLists;
   }
-  rt->rt_adj.adj_pos[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
+  positions(rt->rt_adj)[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
   a->ifa_routes->refs.push_back(rt);
 }
 
-constexpr uint32_t kOffList = UINT32_MAX;  // adj_pos of a gateway taken off its list
+constexpr uint32_t kOffList = UINT32_MAX;  // position of a gateway taken off its list
 
 // The gateway of `rt` that is on the list of `a` at `pos`.
-int refGateway(const rt_entry* rt, const if_addr* a, uint32_t pos) {
-  const rt_adjacency& adj = rt->rt_adj;
+int refGateway(rt_entry* rt, const if_addr* a, uint32_t pos) {
+  rt_adjacency& adj = rt->rt_adj;
+  const uint32_t* at = positions(adj);
   int j = 0;
-  while (adj.adj_ifaps[j] != a || adj.adj_pos[j] != pos) ++j;
+  while (adj.adj_ifaps[j] != a || at[j] != pos) ++j;
   return j;
 }
 
@@ -58,13 +69,14 @@ void refDel(rt_entry* rt, int j) {
   if_addr* a = rt->rt_adj.adj_ifaps[j];
   if (!a) return;
   auto& refs = a->ifa_routes->refs;
-  uint32_t pos = rt->rt_adj.adj_pos[j];
+  uint32_t* at = positions(rt->rt_adj);
+  const uint32_t pos = at[j];
   const auto last = static_cast<uint32_t>(refs.size() - 1);
   rt_entry* moved = refs[last];
-  moved->rt_adj.adj_pos[refGateway(moved, a, last)] = pos;
+  positions(moved->rt_adj)[refGateway(moved, a, last)] = pos;
   refs[pos] = moved;
   refs.pop_back();
-  rt->rt_adj.adj_pos[j] = kOffList;  // so that refGateway cannot take it for a later one
+  at[j] = kOffList;  // so that refGateway cannot take it for a later one
   if (refs.empty()) freeList(a);
 }
 
@@ -107,7 +119,7 @@ void clearAdj(rt_entry* rt) {
     addrUnshare(adj.adj_routers[j]);
   }
   if (adj.adj_n_gw > 1) ::operator delete(adj.adj_routers);
-  adj = rt_adjacency{0, nullptr, nullptr, nullptr};
+  adj = rt_adjacency{0, 0, nullptr, nullptr};
 }
 
 void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* ifaps) {
@@ -120,25 +132,22 @@ void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* if
   }
   clearAdj(rt);
   rt_adjacency& adj = rt->rt_adj;
+  adj.adj_n_gw = n;
   if (n == 1) {
-    adj.adj_routers = &rt->rt_inl_router;
-    adj.adj_ifaps = &rt->rt_inl_ifap;
-    adj.adj_pos = &rt->rt_inl_pos;
+    adj.adj_routers = addrSlot(shared[0]);
+    adj.adj_ifaps = users[0] ? &users[0]->ifa_self : &noIfap;
   } else if (n > 1) {
     // One block: the pointer arrays first (most aligned), then the positions.
     auto* block = static_cast<unsigned char*>(::operator new(adjBytes(n)));
     adj.adj_routers = reinterpret_cast<sockaddr_un**>(block);
     adj.adj_ifaps =
         reinterpret_cast<if_addr**>(block + static_cast<std::size_t>(n) * sizeof(void*));
-    adj.adj_pos =
-        reinterpret_cast<uint32_t*>(block + static_cast<std::size_t>(n) * 2 * sizeof(void*));
+    for (int j = 0; j < n; ++j) {
+      adj.adj_routers[j] = shared[j];
+      adj.adj_ifaps[j] = users[j];
+    }
   }
-  adj.adj_n_gw = n;
-  for (int j = 0; j < n; ++j) {
-    adj.adj_routers[j] = shared[j];
-    adj.adj_ifaps[j] = users[j];
-    refAdd(rt, j);
-  }
+  for (int j = 0; j < n; ++j) refAdd(rt, j);
 }
 
 bool duplicate(rt_head* h, const rt_entry* self, gw_entry* gwp, int n, sockaddr_un* const* r) {

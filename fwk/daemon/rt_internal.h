@@ -5,7 +5,8 @@
 //
 // Each file keeps its own state; they meet only through these functions. Entries and gateways
 // live in record arenas (record_arena.h) that never give a gone record's address to another, so
-// a stale pointer is told apart by the arena (page returned) or by its magic tag (page held).
+// a stale pointer is told apart by the arena (page returned) or, on a page still held, by the
+// record itself: a gone entry's null prefix (rt_head), a gone gateway's magic tag.
 // removeEntry is the one way an entry leaves the table (rt_delete, gw_free, an interface address
 // that is gone, corvd_reset).
 #pragma once
@@ -17,8 +18,6 @@
 
 namespace corvd_rt {
 
-constexpr uint32_t ENTRY_LIVE = 0x52544C56;
-constexpr uint32_t ENTRY_DEAD = 0xDEADE17E;
 constexpr uint32_t GW_LIVE = 0x47574C56;
 constexpr uint32_t GW_DEAD = 0xDEAD6A7E;
 
@@ -60,6 +59,8 @@ void gwReset();
 // rt_addr.cpp
 // The shared copy of a gateway address (sa_plen set to SA_PLEN_NONE), with one more user.
 sockaddr_un* addrShare(const sockaddr_un& addr);
+// A one-element array holding a copy addrShare returned, valid while the copy is.
+sockaddr_un** addrSlot(sockaddr_un* addr);
 // One user fewer of a copy addrShare returned; the last one frees it.
 void addrUnshare(sockaddr_un* addr);
 

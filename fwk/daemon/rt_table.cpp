@@ -200,8 +200,7 @@ void removeEntry(rt_entry* rt) {
   ptreeEntryRemoved(rt, h);
   clearAdj(rt);
   if (!h->rth_routes) dropHead(h);
-  rt->rt_magic = ENTRY_DEAD;
-  rt->rt_head = nullptr;
+  rt->rt_head = nullptr;  // gone (rt_entry_alive)
   rt->rt_gwp = nullptr;
   --t.liveEntries;
   entryRecords().give(rt);  // last: its page may be returned
@@ -273,7 +272,6 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   rt->rt_preference2 = rtp->rtp_preference2;
   rt->rt_metric = rtp->rtp_metric;
   rt->rt_tag = rtp->rtp_tag;
-  rt->rt_magic = ENTRY_LIVE;
   setAdj(rt, rtp->rtp_n_gw, rtp->rtp_routers, ifaps);
   setAsideIfDown(rt);
   linkIntoHead(rt);
@@ -381,7 +379,7 @@ std::size_t rt_entry_count() { return t.liveEntries; }
 std::size_t rt_record_bytes() { return RecordArena::bytesHeldAll(); }
 
 bool rt_entry_alive(const rt_entry* rt) {
-  return rt && entryRecords().state(rt) == RecordArena::State::held && rt->rt_magic == ENTRY_LIVE;
+  return rt && entryRecords().state(rt) == RecordArena::State::held && rt->rt_head;
 }
 
 std::size_t rt_record_pages() { return entryRecords().pagesHeld(); }

@@ -51,21 +51,25 @@ struct rt_rib {
 };
 extern rt_rib rib;
 
-// Gateway set of an entry: adj_n_gw parallel entries.
+// Gateway set of an entry: adj_n_gw parallel entries. A set of one gateway needs no block of its
+// own: adj_routers points at the shared address's slot holding that address, adj_ifaps at the
+// interface address's own slot (ifa_self) or at a null one. Read through both; never write.
 typedef struct _rt_adjacency {
   int adj_n_gw;               // number of gateways (0 for a blackhole)
+  uint32_t adj_pos1;          // daemon bookkeeping (the one gateway's place on its address's list)
   sockaddr_un** adj_routers;  // gateway addresses (daemon copies, shared by equal addresses)
   if_addr** adj_ifaps;        // interface address per gateway (may be null)
-  uint32_t* adj_pos;          // daemon bookkeeping (position on the address's route list)
 } rt_adjacency;
 
 struct _rt_head;
 
+// 96 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
+// it from a live one on a page still held.
 typedef struct _rt_entry {
   struct _rt_entry* rt_next;     // next entry of the prefix in selection order, or null
   struct _rt_entry* rt_gw_next;  // next entry on the gateway's route queue
   struct _rt_entry* rt_gw_prev;  // previous entry on the gateway's route queue
-  struct _rt_head* rt_head;      // the prefix
+  struct _rt_head* rt_head;      // the prefix; null once the entry is gone
   gw_entry* rt_gwp;              // owning gateway (protocol)
   uint64_t rt_state;             // RTS_* bits plus the caller's rtp_state
   uint64_t rt_seq;               // add order
@@ -73,13 +77,9 @@ typedef struct _rt_entry {
   int32_t rt_preference2;        // second preference (stored only)
   uint32_t rt_metric;            // metric (stored only)
   uint32_t rt_tag;               // route tag
-  uint32_t rt_magic;             // daemon liveness tag
-  uint32_t rt_inl_pos;           // adj_pos[0] of a one-gateway adjacency (below)
   rt_adjacency rt_adj;           // gateways
-  // Storage of a one-gateway adjacency, to spare an allocation.
-  sockaddr_un* rt_inl_router;  // adj_routers[0]
-  if_addr* rt_inl_ifap;        // adj_ifaps[0]
 } rt_entry;
+static_assert(sizeof(rt_entry) == 96);
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
 // The count and the length share the word after the destination: 56 bytes a prefix.
