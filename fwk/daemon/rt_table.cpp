@@ -142,11 +142,11 @@ void unlinkFromHead(rt_entry* rt) {
   --h->rth_n_entries;
 }
 
-void selectActive(rt_head* h) {
-  if (h->rth_active) h->rth_active->rt_state &= ~RTS_ACTIVE;
-  rt_entry* first = h->rth_routes;
-  h->rth_active = first && first->rt_preference >= 0 ? first : nullptr;
-  if (h->rth_active) h->rth_active->rt_state |= RTS_ACTIVE;
+// Moves RTS_ACTIVE to the active entry after the first entry of `h` was `was` (null for a new
+// prefix; it may have left the list but not the arena): only a first entry is ever active.
+void selectActive(rt_head* h, rt_entry* was) {
+  if (was) was->rt_state &= ~RTS_ACTIVE;
+  if (rt_entry* active = rt_head_active(h)) active->rt_state |= RTS_ACTIVE;
 }
 
 bool inBracket(const char* fn) {
@@ -186,7 +186,7 @@ void reorder(rt_entry* rt) {
   rt_entry* was = rt->rt_head->rth_routes;
   unlinkFromHead(rt);
   linkIntoHead(rt);
-  selectActive(rt->rt_head);
+  selectActive(rt->rt_head, was);
   syncFirst(rt->rt_head, was);
 }
 
@@ -194,7 +194,7 @@ void removeEntry(rt_entry* rt) {
   rt_head* h = rt->rt_head;
   rt_entry* was = h->rth_routes;
   unlinkFromHead(rt);
-  selectActive(h);
+  selectActive(h, was);
   syncFirst(h, was);
   gwQueueRemove(rt);
   ptreeEntryRemoved(rt, h);
@@ -275,7 +275,7 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   setAdj(rt, rtp->rtp_n_gw, rtp->rtp_routers, ifaps);
   setAsideIfDown(rt);
   linkIntoHead(rt);
-  selectActive(h);
+  selectActive(h, was);
   syncFirst(h, was);
   gwQueueAppend(rt);
   ptreeEntryAdded(rt);

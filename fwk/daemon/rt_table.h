@@ -5,7 +5,7 @@
 // Selection: the entries of a prefix are kept on the head's list in selection order: entries
 // with a non-negative preference first, lowest preference first, ties in add order, then the
 // entries set aside (negative preference) in add order. The first entry, when its preference
-// is not negative, is the active one (rth_active, RTS_ACTIVE in its rt_state).
+// is not negative, is the active one (rt_head_active, RTS_ACTIVE in its rt_state).
 // Set aside: an entry whose adjacency uses an interface address that is down gets its
 // preference negated (0 becomes -1) and RTS_SETASIDE; when all its addresses are up again the
 // daemon restores it (unless its owner already did, with rt_change_s).
@@ -82,16 +82,21 @@ typedef struct _rt_entry {
 static_assert(sizeof(rt_entry) == 96);
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
-// The count and the length share the word after the destination: 56 bytes a prefix.
+// The count and the length share the word after the destination: 48 bytes a prefix.
 typedef struct _rt_head {
   sockaddr_un rth_dest;         // destination (copy, host bits cleared)
   uint32_t rth_n_entries : 24;  // entries on the list, at most RTH_MAX_ENTRIES
   uint8_t rth_plen;             // prefix length (in the count's last byte)
   sockaddr_un* rth_dest_mask;   // shared mask
   rt_entry* rth_routes;         // first entry in selection order
-  rt_entry* rth_active;         // the active entry or null
 } rt_head;
-static_assert(sizeof(rt_head) == 56);
+static_assert(sizeof(rt_head) == 48);
+
+// The active entry of a prefix (the first in selection order unless it is set aside), or null.
+inline rt_entry* rt_head_active(const rt_head* h) {
+  rt_entry* first = h->rth_routes;
+  return first && first->rt_preference >= 0 ? first : nullptr;
+}
 
 typedef struct _rt_parms {
   sockaddr_un* rtp_dest;                     // destination (temporaries fine)

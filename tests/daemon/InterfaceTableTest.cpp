@@ -120,7 +120,7 @@ TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
   rt_entry* r1 = add(in4("10.0.1.9"), a1, 10);
   rt_entry* r2 = add(in4("10.0.2.9"), a2, 20);
   rt_close(fwk_task, 0, 1, 0);
-  ASSERT_EQ(r1->rt_head->rth_active, r1);
+  ASSERT_EQ(rt_head_active(r1->rt_head), r1);
 
   static rt_entry* watched;
   static int prefAtReport;
@@ -129,11 +129,11 @@ TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
   addLink(1, "eth1", false);
   EXPECT_EQ(prefAtReport, -10);
   EXPECT_EQ(r1->rt_preference, -10);
-  EXPECT_EQ(r1->rt_head->rth_active, r2);
+  EXPECT_EQ(rt_head_active(r1->rt_head), r2);
   EXPECT_EQ(r1->rt_head->rth_routes->rt_next, r1);  // set aside entries go last
   addLink(1, "eth1", true);
   EXPECT_EQ(r1->rt_preference, 10);
-  EXPECT_EQ(r1->rt_head->rth_active, r1);
+  EXPECT_EQ(rt_head_active(r1->rt_head), r1);
 
   // A removed address takes the routes that still use it.
   delLink(1);

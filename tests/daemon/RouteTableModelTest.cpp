@@ -207,6 +207,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
       for (const ModelEntry* e : order) {
         ASSERT_EQ(rt, e->rt) << "prefix " << p << " step " << step << "\n" << corvd_show_routes();
         EXPECT_EQ(rt->rt_preference, m.effective(*e));
+        EXPECT_EQ((rt->rt_state & RTS_ACTIVE) != 0, e == order.front() && m.effective(*e) >= 0);
         EXPECT_EQ(rt->rt_adj.adj_n_gw, static_cast<int>(e->hops.size()));
         for (std::size_t j = 0; j < e->hops.size(); ++j) {
           gateways.insert(e->hops[j] * 2 + (v6(p) ? 1 : 0));
@@ -217,7 +218,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
       }
       EXPECT_EQ(rt, nullptr);
       const ModelEntry* first = order.front();
-      EXPECT_EQ(h->rth_active, m.effective(*first) >= 0 ? first->rt : nullptr);
+      EXPECT_EQ(rt_head_active(h), m.effective(*first) >= 0 ? first->rt : nullptr);
       for (int g = 0; g < kProtos; ++g) {
         rt_bits bits;
         rt_make_bits(&bits, 1, gw[g]->gw_proto);

@@ -32,7 +32,7 @@ double monotonicNow() {
 // The active entry of `h` as a route to install into `r` (its vector reused); false when the
 // prefix has none.
 bool activeRoute(const rt_head* h, FibSink::Prefix& p, FibSink::Route& r) {
-  const rt_entry* rt = h->rth_active;
+  const rt_entry* rt = rt_head_active(h);
   if (!rt) return false;
   int len = 0;
   const std::uint8_t* bytes = sockaddr_bytes(&h->rth_dest, &len);
