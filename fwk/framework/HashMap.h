@@ -93,7 +93,8 @@ class HashMap {
   // separate array of block pointers would.
   struct Spill {
     std::unique_ptr<std::uint64_t[]> slots;
-    std::uint32_t slotCount = 0;  // a power of two, or 0 while the collection is small
+    std::uint32_t slotCount =
+        0;  // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
     std::uint32_t moreCount = 0;
     Node** more() { return reinterpret_cast<Node**>(this + 1); }
 
@@ -140,8 +141,8 @@ class HashMap {
   // Makes room for n members without growing the index.
   void reserve(std::size_t n) {
     if (n * 4 <= std::size_t{slotCount()} * 3 || (n <= kSmall && unindexed())) return;
-    std::size_t cap = 16;
-    while (cap * 3 < n * 4) cap *= 2;
+    std::size_t cap = grown(0);
+    while (cap * 3 < n * 4) cap = grown(cap);
     if (cap > slotCount()) rehash(cap);
   }
 
@@ -336,12 +337,12 @@ class HashMap {
   // key whose 32-bit hash collides may name another member's value, which is harmless for a
   // hint).
   void prefetchSlot(const K& k) const {
-    if (!unindexed()) prefetch(&spill_->slots[mix(k) & (spill_->slotCount - 1)]);
+    if (!unindexed()) prefetch(&spill_->slots[home(mix(k))]);
   }
   const V* prefetchNode(const K& k) const {
     if (unindexed()) return nullptr;
     const std::uint32_t h = mix(k);
-    const std::uint64_t s = spill_->slots[h & (spill_->slotCount - 1)];
+    const std::uint64_t s = spill_->slots[home(h)];
     if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
@@ -411,7 +412,7 @@ class HashMap {
     if (i != kNil) return {i, false};
     if (unindexed() ? indexed() + 1 > kSmall
                     : (std::size_t{indexed()} + 1) * 4 > std::size_t{slotCount()} * 3) {
-      rehash(unindexed() ? 16 : std::size_t{slotCount()} * 2);
+      rehash(grown(slotCount()));
     }
     i = allocate();
     keyIs(node(i), k);
@@ -431,6 +432,16 @@ class HashMap {
   // Nodes in the index (or on the order list while small): live ones and tombstones.
   std::uint32_t indexed() const { return live_ + dead_; }
   std::uint32_t slotCount() const { return spill_ ? spill_->slotCount : 0; }
+  // The index grows by a half and by a third in turn (16, 24, 32, 48, ...), so once grown it is
+  // at least half full: a power of two would leave a million members in 2^21 slots (48 % full).
+  static std::size_t grown(std::size_t count) {
+    return count == 0 ? 16 : (count & (count - 1)) == 0 ? count + count / 2 : count + count / 3;
+  }
+  // The home slot of hash h: its 32 bits scaled to the index's size.
+  std::size_t home(std::uint32_t h) const {
+    return static_cast<std::size_t>((std::uint64_t{h} * spill_->slotCount) >> 32);
+  }
+  std::size_t nextSlot(std::size_t p) const { return p + 1 == spill_->slotCount ? 0 : p + 1; }
   bool unindexed() const { return slotCount() == 0; }
   std::uint32_t lookup(const K& k, std::uint32_t h) const {
     if (unindexed()) {  // small: every node of the index is on the order list
@@ -440,8 +451,7 @@ class HashMap {
       return kNil;
     }
     const std::uint64_t* slots = spill_->slots.get();
-    const std::size_t mask = spill_->slotCount - 1;
-    for (std::size_t p = h & mask;; p = (p + 1) & mask) {
+    for (std::size_t p = home(h);; p = nextSlot(p)) {
       const std::uint64_t s = slots[p];
       if (s == 0) return kNil;
       if (static_cast<std::uint32_t>(s >> 32) == h) {
@@ -452,9 +462,8 @@ class HashMap {
   }
   void place(std::uint32_t h, std::uint32_t i) {
     std::uint64_t* slots = spill_->slots.get();
-    const std::size_t mask = spill_->slotCount - 1;
-    std::size_t p = h & mask;
-    while (slots[p] != 0) p = (p + 1) & mask;
+    std::size_t p = home(h);
+    while (slots[p] != 0) p = nextSlot(p);
     slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
   }
   Spill& spill() {
@@ -477,15 +486,14 @@ class HashMap {
   // Removes node i's slot, shifting the run after it back so no probe chain breaks.
   void unplace(std::uint32_t i, std::uint32_t h) {
     std::uint64_t* slots = spill_->slots.get();
-    const std::size_t mask = spill_->slotCount - 1;
-    std::size_t p = h & mask;
-    while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = (p + 1) & mask;
-    for (std::size_t q = (p + 1) & mask;; q = (q + 1) & mask) {
+    std::size_t p = home(h);
+    while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = nextSlot(p);
+    for (std::size_t q = nextSlot(p);; q = nextSlot(q)) {
       const std::uint64_t s = slots[q];
       if (s == 0) break;
-      const std::size_t home = static_cast<std::uint32_t>(s >> 32) & mask;
+      const std::size_t at = home(static_cast<std::uint32_t>(s >> 32));
       // s may move to p when its home is not in the cyclic range (p, q].
-      const bool inRange = p <= q ? (home > p && home <= q) : (home > p || home <= q);
+      const bool inRange = p <= q ? (at > p && at <= q) : (at > p || at <= q);
       if (!inRange) {
         slots[p] = s;
         p = q;
