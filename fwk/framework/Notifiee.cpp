@@ -26,14 +26,17 @@ void NotifieeBase::notifierBaseIs(const NotifierBase* n) {
 
 NotifierBase::~NotifierBase() {
   for (std::size_t i = 0; i < regs_.size(); ++i) {
-    regs_[i].notifiee->notifier_ = nullptr;
-    regs_[i].notifiee->serial_ = 0;
+    regs_[i]->notifier_ = nullptr;
+    regs_[i]->serial_ = 0;
   }
 }
 
+// The snapshot's notifiee is read only once it is found on the list: a registered notifiee is
+// alive (its destructor unregisters it), and another built at the same address meanwhile has
+// another serial.
 bool NotifierBase::stillRegistered(const Reg& r) const {
   for (std::size_t i = 0; i < regs_.size(); ++i) {
-    if (regs_[i].notifiee == r.notifiee && regs_[i].serial == r.serial) return true;
+    if (regs_[i] == r.notifiee) return r.notifiee->serial_ == r.serial;
   }
   return false;
 }
@@ -41,12 +44,12 @@ bool NotifierBase::stillRegistered(const Reg& r) const {
 void NotifierBase::add(NotifieeBase* n) const {
   n->serial_ = nextSerial++;
   if (nextSerial == 0) nextSerial = 1;
-  regs_.push_back({n, n->serial_});
+  regs_.push_back(n);
 }
 
 void NotifierBase::remove(NotifieeBase* n) const {
   for (std::size_t i = 0; i < regs_.size(); ++i) {
-    if (regs_[i].notifiee != n) continue;
+    if (regs_[i] != n) continue;
     regs_.eraseAt(i);
     break;
   }

@@ -95,11 +95,11 @@ class NotifierBase {
   void deliver(F&& f) const {
     if (regs_.empty()) return;
     if (regs_.size() == 1) {  // common case: no copy of the list
-      NotifieeBase* n = regs_[0].notifiee;
+      NotifieeBase* n = regs_[0];
       if (n->active_) f(static_cast<N&>(*n));
       return;
     }
-    const std::vector<Reg> snapshot = regs_.copy();
+    const std::vector<Reg> snapshot = regs_.snapshot();
     for (const Reg& r : snapshot) {
       if (!stillRegistered(r) || !r.notifiee->active_) continue;
       f(static_cast<N&>(*r.notifiee));
@@ -108,45 +108,48 @@ class NotifierBase {
 
  private:
   friend class NotifieeBase;
+  // A registration as a delivery's snapshot holds it: the notifiee and its serial then. The list
+  // itself keeps only the notifiees; a registered one's serial is its own serial_.
   struct Reg {
     NotifieeBase* notifiee;
     std::uint32_t serial;
   };
-  // The registrations in order. Most notifiers have at most one notifiee (a route watched by its
-  // protocol's reactor), so the first lives inline and only further ones take heap storage.
+  // The registered notifiees in order. Most notifiers have at most one notifiee (a route watched
+  // by its protocol's reactor), so the first lives inline and only further ones take heap
+  // storage: two words, in every entity.
   class RegList {
    public:
-    std::size_t size() const { return first_.notifiee ? 1 + (rest_ ? rest_->size() : 0) : 0; }
-    bool empty() const { return first_.notifiee == nullptr; }
-    const Reg& operator[](std::size_t i) const { return i == 0 ? first_ : (*rest_)[i - 1]; }
-    void push_back(const Reg& r) {
-      if (!first_.notifiee) {
-        first_ = r;
+    std::size_t size() const { return first_ ? 1 + (rest_ ? rest_->size() : 0) : 0; }
+    bool empty() const { return first_ == nullptr; }
+    NotifieeBase* operator[](std::size_t i) const { return i == 0 ? first_ : (*rest_)[i - 1]; }
+    void push_back(NotifieeBase* n) {
+      if (!first_) {
+        first_ = n;
         return;
       }
-      if (!rest_) rest_ = std::make_unique<std::vector<Reg>>();
-      rest_->push_back(r);
+      if (!rest_) rest_ = std::make_unique<std::vector<NotifieeBase*>>();
+      rest_->push_back(n);
     }
     void eraseAt(std::size_t i) {
       if (i != 0) {
         rest_->erase(rest_->begin() + static_cast<std::ptrdiff_t>(i - 1));
       } else if (!rest_ || rest_->empty()) {
-        first_ = Reg{};
+        first_ = nullptr;
       } else {
         first_ = rest_->front();
         rest_->erase(rest_->begin());
       }
     }
-    std::vector<Reg> copy() const {
+    std::vector<Reg> snapshot() const {
       std::vector<Reg> out;
       out.reserve(size());
-      for (std::size_t i = 0; i < size(); ++i) out.push_back((*this)[i]);
+      for (std::size_t i = 0; i < size(); ++i) out.push_back({(*this)[i], (*this)[i]->serial_});
       return out;
     }
 
    private:
-    Reg first_{nullptr, 0};  // empty when first_.notifiee is null
-    std::unique_ptr<std::vector<Reg>> rest_;
+    NotifieeBase* first_ = nullptr;  // null: the list is empty
+    std::unique_ptr<std::vector<NotifieeBase*>> rest_;
   };
   bool stillRegistered(const Reg& r) const;
   void add(NotifieeBase* n) const;

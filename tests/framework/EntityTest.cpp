@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fwk/framework/Attributes.h"
@@ -152,6 +153,22 @@ TEST(Notification, NotifieeDestroyedOrSilencedDuringDeliveryIsNotCalled) {
   a->isRegisteredNotifieeIs(true);
   events.clear();
   w->tagIs(3);
+  EXPECT_EQ(events, (std::vector<std::string>{"c.tag", "a.tag"}));
+  // Registered again during a delivery, at the same address: a new registration, first called
+  // on the next change.
+  a->onTagAction = nullptr;
+  c->hasNotificationActiveIs(true);
+  bool reRegister = true;
+  c->onTagAction = [&] {
+    if (!std::exchange(reRegister, false)) return;
+    a->isRegisteredNotifieeIs(false);
+    a->isRegisteredNotifieeIs(true);
+  };
+  events.clear();
+  w->tagIs(4);
+  EXPECT_EQ(events, std::vector<std::string>{"c.tag"});
+  events.clear();
+  w->tagIs(5);
   EXPECT_EQ(events, (std::vector<std::string>{"c.tag", "a.tag"}));
 }
 
