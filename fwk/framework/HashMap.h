@@ -522,20 +522,34 @@ class HashMap {
     free_ = node(i).next;
     return i;
   }
+  // The order list's `prev` links are circular, the first node's naming the last, so the map
+  // keeps no tail of its own; `next` ends at kNil.
   void link(std::uint32_t i) {
     Node& n = node(i);
-    n.prev = tail_;
     n.next = kNil;
-    (tail_ != kNil ? node(tail_).next : head_) = i;
-    tail_ = i;
+    if (head_ == kNil) {
+      head_ = i;
+      n.prev = i;
+      return;
+    }
+    Node& first = node(head_);
+    n.prev = first.prev;
+    node(first.prev).next = i;
+    first.prev = i;
   }
   void unlink(std::uint32_t i) {
     Node& n = node(i);
-    (n.prev != kNil ? node(n.prev).next : head_) = n.next;
-    if (n.next != kNil) {  // a bit-field is not an lvalue of a conditional operator
+    if (i == head_) {
+      head_ = n.next;
+      if (head_ != kNil) node(head_).prev = n.prev;
+      return;
+    }
+    node(n.prev).next = n.next;
+    // A bit-field is not an lvalue of a conditional operator.
+    if (n.next != kNil) {
       node(n.next).prev = n.prev;
     } else {
-      tail_ = n.prev;
+      node(head_).prev = n.prev;
     }
   }
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
@@ -576,7 +590,7 @@ class HashMap {
   void release() {
     spill_.reset();
     blocks_ = 0;
-    head_ = tail_ = free_ = kNil;
+    head_ = free_ = kNil;
     dead_ = 0;
     if constexpr (kKeyed) first_.key = K{};
   }
@@ -605,20 +619,20 @@ class HashMap {
   }
 
   // Every route of the state database holds a map for its next hops: the first node inside,
-  // the rest behind one pointer (Spill), and 32-bit counts (node indexes are 32-bit anyway).
-  mutable Node first_;
+  // the rest behind one pointer (Spill), and 32-bit counts (node indexes are 32-bit anyway). The
+  // two small counts go in what the first node leaves of its last word (a route's next hop, a
+  // 16-byte key and a bool, leaves seven bytes), so such a map is 56 bytes and a route fits a
+  // 112-byte heap block.
+  [[no_unique_address]] mutable Node first_;
+  // 16 bits: a walk alive on one collection 65,535 times over is a fault.
+  mutable std::uint16_t iterators_ = 0;
+  std::uint8_t blocks_ = 0;  // blocks made, the first node's included
   // Null until a second node or the index is needed.
   std::unique_ptr<Spill, typename Spill::Deleter> spill_;
   std::uint32_t head_ = kNil;
-  std::uint32_t tail_ = kNil;
   std::uint32_t free_ = kNil;
   std::uint32_t live_ = 0;
   std::uint32_t dead_ = 0;
-  // 16 bits: with the block count, the counts take three words, and a route (whose next hops are
-  // such a map) fits a smaller heap block. A walk alive on one collection 65,535 times over is a
-  // fault.
-  mutable std::uint16_t iterators_ = 0;
-  std::uint8_t blocks_ = 0;  // blocks made, the first node's included
 };
 
 }  // namespace Kel
