@@ -1,6 +1,9 @@
 // An open-addressing hash index from a prefix key to a record pointer, for the routing table's
-// exact prefix lookups (a million IPv4 prefixes at 16 bytes per slot) and the gateways' trees.
+// exact prefix lookups (a million IPv4 prefixes at 12 bytes per slot) and the gateways' trees.
 //
+// Ref says how a slot holds its record: a pointer (PointerRef), or for records of one arena a
+// 32-bit reference (`using Stored`, `static Stored to(V*)`, `static V* from(Stored)`, with a
+// stored 0 for null), which keeps a slot at the key's size plus four bytes.
 // Key is a small trivially copyable type with `bool same(const Key&) const` and `uint64_t hash()
 // const` (well mixed: its low bits choose the home slot). Parts of a key that `same` and `hash`
 // ignore are a tag that the owner may keep beside the key and change in place.
@@ -25,13 +28,22 @@ inline uint64_t prefixHashMix(uint64_t h) {
   return h ^ (h >> 32);
 }
 
+template <typename V>
+struct PointerRef {
+  using Stored = V*;
+  static Stored to(V* v) { return v; }
+  static V* from(Stored s) { return s; }
+};
+
 // One open-addressing table; PrefixIndex below spreads keys over several of them.
-template <typename Key, typename V>
+template <typename Key, typename V, typename Ref = PointerRef<V>>
 class PrefixIndexTable {
  public:
   struct Slot {
     Key key{};
-    V* value = nullptr;
+    typename Ref::Stored stored{};  // empty slot: 0
+    V* value() const { return Ref::from(stored); }
+    void valueIs(V* v) { stored = Ref::to(v); }
   };
 
   // The slot holding `key`, or null.
@@ -39,14 +51,17 @@ class PrefixIndexTable {
     if (slots_.empty()) return nullptr;
     for (std::size_t i = home(key);; i = next(i)) {
       Slot& s = slots_[i];
-      if (!s.value) return nullptr;
+      if (!s.stored) return nullptr;
       if (s.key.same(key)) return &s;
     }
   }
 
   void insert(const Key& key, V* value) {
     if ((size_ + 1) * 4 > slots_.size() * 3) grow();
-    place(Slot{key, value});
+    Slot slot;
+    slot.key = key;
+    slot.valueIs(value);
+    place(slot);
     ++size_;
   }
 
@@ -57,7 +72,7 @@ class PrefixIndexTable {
     // Backward shift: pull later members of the probe run into the hole.
     for (std::size_t j = next(i);; j = next(j)) {
       Slot& s = slots_[j];
-      if (!s.value) break;
+      if (!s.stored) break;
       std::size_t h = home(s.key);
       bool between = i <= j ? (h > i && h <= j) : (h > i || h <= j);
       if (between) continue;
@@ -85,7 +100,7 @@ class PrefixIndexTable {
 
   void place(const Slot& slot) {
     std::size_t i = home(slot.key);
-    while (slots_[i].value) i = next(i);
+    while (slots_[i].stored) i = next(i);
     slots_[i] = slot;
   }
 
@@ -95,7 +110,7 @@ class PrefixIndexTable {
     const std::size_t n = old.size();
     slots_.resize(n == 0 ? 16 : (n & (n - 1)) == 0 ? n + n / 2 : n + n / 3);
     for (const Slot& s : old) {
-      if (s.value) place(s);
+      if (s.stored) place(s);
     }
   }
 
@@ -107,10 +122,10 @@ class PrefixIndexTable {
 // low bits). Each table doubles on its own, so growing a million-prefix index moves 1/kShards of
 // it at a time (about a millisecond) instead of stalling one route change for the whole rehash.
 // The tables are made with the first insert, so an index that stays empty costs one pointer.
-template <typename Key, typename V>
+template <typename Key, typename V, typename Ref = PointerRef<V>>
 class PrefixIndex {
  public:
-  using Table = PrefixIndexTable<Key, V>;
+  using Table = PrefixIndexTable<Key, V, Ref>;
   using Slot = typename Table::Slot;
   static constexpr unsigned kShardBits = 6;
   static constexpr std::size_t kShards = std::size_t{1} << kShardBits;

@@ -13,41 +13,58 @@
 #include "fwk/daemon/prefix_index.h"
 #include "fwk/daemon/sockaddr.h"
 
-// An IPv4 prefix in one word: the masked address (network order) in bits 32..63, the length in
-// bits 16..23 and the tag in bits 0..15. One word keeps an index slot at 16 bytes.
-struct Key4 {
-  uint64_t w;
-  bool same(const Key4& o) const { return ((w ^ o.w) >> 16) == 0; }
-  uint64_t hash() const { return prefixHashMix(w >> 16); }
-  uint32_t addr() const { return static_cast<uint32_t>(w >> 32); }
-  uint16_t tag() const { return static_cast<uint16_t>(w); }
-  void setTag(uint16_t tag) { w = (w & ~uint64_t{0xFFFF}) | tag; }
-};
+// Keys are made of 32-bit words, so that a slot with a 32-bit record reference packs: 12 bytes
+// for IPv4, 24 for IPv6.
 
-// An IPv6 prefix: the masked address as two words (memory order), the length and the tag.
+// An IPv4 prefix: the masked address (network order), then the length in bits 16..23 of the
+// second word and the tag in its bits 0..15.
+struct Key4 {
+  uint32_t a;
+  uint32_t lenTag;
+  bool same(const Key4& o) const { return a == o.a && (lenTag >> 16) == (o.lenTag >> 16); }
+  uint64_t hash() const { return prefixHashMix((uint64_t{a} << 16) | (lenTag >> 16)); }
+  uint32_t addr() const { return a; }
+  uint16_t tag() const { return static_cast<uint16_t>(lenTag); }
+  void setTag(uint16_t tag) { lenTag = (lenTag & ~uint32_t{0xFFFF}) | tag; }
+};
+static_assert(sizeof(Key4) == 8 && alignof(Key4) == 4);
+
+// An IPv6 prefix: the masked address (memory order), the length and the tag.
 struct Key6 {
-  uint64_t hi;
-  uint64_t lo;
+  uint32_t w[4];
   uint16_t plen;
   uint16_t tagBits;
-  bool same(const Key6& o) const { return hi == o.hi && lo == o.lo && plen == o.plen; }
-  uint64_t hash() const { return prefixHashMix(hi ^ prefixHashMix(lo + plen)); }
+  // The address's halves as words (as a copy of their bytes reads them).
+  uint64_t hi() const {
+    uint64_t h;
+    std::memcpy(&h, w, 8);
+    return h;
+  }
+  uint64_t lo() const {
+    uint64_t l;
+    std::memcpy(&l, w + 2, 8);
+    return l;
+  }
+  bool same(const Key6& o) const {
+    return ((w[0] ^ o.w[0]) | (w[1] ^ o.w[1]) | (w[2] ^ o.w[2]) | (w[3] ^ o.w[3])) == 0 &&
+           plen == o.plen;
+  }
+  uint64_t hash() const { return prefixHashMix(hi() ^ prefixHashMix(lo() + plen)); }
   uint16_t tag() const { return tagBits; }
   void setTag(uint16_t tag) { tagBits = tag; }
 };
+static_assert(sizeof(Key6) == 20 && alignof(Key6) == 4);
 
 inline Key4 key4(const sockaddr_un* d, int plen) {
   uint32_t m = sock_mask_by_len(SA_FAMILY_INET, plen)->a_in.sin_addr;
-  return Key4{(static_cast<uint64_t>(d->a_in.sin_addr & m) << 32) |
-              (static_cast<uint64_t>(plen) << 16)};
+  return Key4{d->a_in.sin_addr & m, static_cast<uint32_t>(plen) << 16};
 }
 
 inline Key6 key6(const sockaddr_un* d, int plen) {
   uint8_t b[16];
   const sockaddr_un* m = sock_mask_by_len(SA_FAMILY_INET6, plen);
   for (int i = 0; i < 16; ++i) b[i] = d->a_in6.sin6_addr[i] & m->a_in6.sin6_addr[i];
-  Key6 k{0, 0, static_cast<uint16_t>(plen), 0};
-  std::memcpy(&k.hi, b, 8);
-  std::memcpy(&k.lo, b + 8, 8);
+  Key6 k{{0, 0, 0, 0}, static_cast<uint16_t>(plen), 0};
+  std::memcpy(k.w, b, 16);
   return k;
 }

@@ -10,7 +10,7 @@
 using namespace corvd_rt;
 
 struct ptree {
-  PrefixIndex<Key6, rt_entry> byPrefix;  // tags unused
+  PrefixIndex<Key6, rt_entry, EntryRef> byPrefix;  // tags unused
 };
 
 namespace {
@@ -49,10 +49,10 @@ void ptreeEntryRemoved(rt_entry* rt, rt_head* h) {
   ptree* tree = rt->rt_gwp->gw_ptree;
   if (h->rth_dest.sa_family != SA_FAMILY_INET6 || !tree) return;
   auto* slot = tree->byPrefix.find(keyOf(h));
-  if (!slot || slot->value != rt) return;
+  if (!slot || slot->value() != rt) return;
   for (rt_entry* e = h->rth_routes; e; e = e->rt_next) {
     if (e->rt_gwp == rt->rt_gwp) {
-      slot->value = e;
+      slot->valueIs(e);
       return;
     }
   }
@@ -72,7 +72,7 @@ rt_entry* ptree_find(ptree* tree, const sockaddr_un* dest, const sockaddr_un* ma
   int plen = prefixLen(dest, mask);
   if (!tree || plen < 0 || dest->sa_family != SA_FAMILY_INET6) return nullptr;
   auto* slot = tree->byPrefix.find(key6(dest, plen));
-  return slot ? slot->value : nullptr;
+  return slot ? slot->value() : nullptr;
 }
 
 int ptree_insert(ptree* tree, rt_entry* rt) {
@@ -88,7 +88,7 @@ int ptree_remove(ptree* tree, rt_entry* rt) {
   if (!tree || !entryAlive(rt, "ptree_remove")) return 0;
   Key6 key = keyOf(rt->rt_head);
   auto* slot = tree->byPrefix.find(key);
-  if (!slot || slot->value != rt) return 0;
+  if (!slot || slot->value() != rt) return 0;
   tree->byPrefix.erase(key);
   return 1;
 }

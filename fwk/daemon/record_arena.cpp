@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -38,6 +39,9 @@ void RecordArena::reserve() {
   pageSize_ = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
   if (recordSize_ == 0 || recordSize_ > pageSize_) fail("record larger than a page");
   perPage_ = pageSize_ / recordSize_;
+  unitShift_ = static_cast<unsigned>(std::countr_zero(recordSize_ | pageSize_));
+  // Every record's reference fits 32 bits, 0 left for null.
+  reserveBytes_ = std::min(reserveBytes_, std::size_t{0xFFFFFFFE} << unitShift_);
   // Address space only: pages are backed when first written and handed back with madvise. The
   // whole reservation stays readable and writable, so that returning pages in any order never
   // splits the mapping.

@@ -48,6 +48,20 @@ class RecordArena {
   static constexpr std::size_t kReturnBatch = 16;
   static constexpr std::size_t kReturnShare = 8;
 
+  // A record taken and not given back as 32 bits, and back (0 stands for null): its offset in
+  // units of the largest power of two that divides both the record and the page size. An index
+  // holding a million records so takes four bytes for each instead of eight.
+  uint32_t refOf(const void* rec) const {
+    if (!rec) return 0;
+    return static_cast<uint32_t>(
+               static_cast<std::size_t>(static_cast<const unsigned char*>(rec) - base_) >>
+               unitShift_) +
+           1;
+  }
+  void* at(uint32_t ref) const {
+    return ref ? base_ + (static_cast<std::size_t>(ref - 1) << unitShift_) : nullptr;
+  }
+
   std::size_t liveRecords() const { return live_; }
   std::size_t pagesHeld() const { return pages_.size(); }
   // Bytes of the pages all arenas of the process hold (memory outside the heap), emptied pages
@@ -71,6 +85,7 @@ class RecordArena {
   std::size_t perPage_ = 0;
   std::size_t pageCount_ = 0;
   unsigned char* base_ = nullptr;
+  unsigned unitShift_ = 0;                       // of refOf
   std::size_t current_ = 0;                      // page records are taken from
   std::size_t highWater_ = 0;                    // pages below it have been opened at least once
   bool started_ = false;                         // a page has been opened

@@ -19,15 +19,16 @@
 // Entries using one interface address, once per gateway of theirs that uses it. Which gateway
 // a reference stands for is not stored: it is the one of that entry using the address at that
 // position (adj_ifaps[j] and positions(adj)[j]), a search of one gateway for almost every entry.
+// An entry is held by its 32-bit reference in the entry arena (EntryRef).
 struct rt_ref_list {
-  std::vector<rt_entry*> refs;
+  std::vector<uint32_t> refs;
 };
 
 using namespace corvd_rt;
 
 namespace {
 
-std::size_t liveLists = 0;
+std::size_t liveLists = 0;  // of the process, for rt_ref_list_count
 
 // The adj_ifaps of a one-gateway set served by no interface address.
 if_addr* noIfap = nullptr;
@@ -35,7 +36,7 @@ if_addr* noIfap = nullptr;
 uint32_t* positions(rt_adjacency& adj) {
   return adj.adj_n_gw == 1 ? &adj.adj_pos1
                            : reinterpret_cast<uint32_t*>(adj.adj_ifaps + adj.adj_n_gw);
-}  // of the process, for rt_ref_list_count
+}
 
 void freeList(if_addr* a) {
   delete a->ifa_routes;
@@ -51,7 +52,7 @@ void refAdd(rt_entry* rt, int j) {
     ++liveLists;
   }
   positions(rt->rt_adj)[j] = static_cast<uint32_t>(a->ifa_routes->refs.size());
-  a->ifa_routes->refs.push_back(rt);
+  a->ifa_routes->refs.push_back(EntryRef::to(rt));
 }
 
 constexpr uint32_t kOffList = UINT32_MAX;  // position of a gateway taken off its list
@@ -72,9 +73,9 @@ void refDel(rt_entry* rt, int j) {
   uint32_t* at = positions(rt->rt_adj);
   const uint32_t pos = at[j];
   const auto last = static_cast<uint32_t>(refs.size() - 1);
-  rt_entry* moved = refs[last];
+  rt_entry* moved = EntryRef::from(refs[last]);
   positions(moved->rt_adj)[refGateway(moved, a, last)] = pos;
-  refs[pos] = moved;
+  refs[pos] = refs[last];
   refs.pop_back();
   at[j] = kOffList;  // so that refGateway cannot take it for a later one
   if (refs.empty()) freeList(a);
@@ -192,26 +193,29 @@ bool setAsideIfDown(rt_entry* rt) {
 
 void rt_ifa_down(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
-  for (rt_entry* rt : ifap->ifa_routes->refs) {
+  for (uint32_t ref : ifap->ifa_routes->refs) {
+    rt_entry* rt = EntryRef::from(ref);
     if (setAsideIfDown(rt)) reorder(rt);
   }
 }
 
 void rt_ifa_restore(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
-  for (rt_entry* rt : ifap->ifa_routes->refs) {
+  for (uint32_t ref : ifap->ifa_routes->refs) {
+    rt_entry* rt = EntryRef::from(ref);
     if (restoreIfUp(rt)) reorder(rt);
   }
 }
 
 void rt_ifa_gone(if_addr* ifap) {
-  while (ifap->ifa_routes) removeEntry(ifap->ifa_routes->refs.back());
+  while (ifap->ifa_routes) removeEntry(EntryRef::from(ifap->ifa_routes->refs.back()));
 }
 
 void rt_ifa_forget(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
   // Entry records are never unmapped (record_arena.h), so this is safe at exit as well.
-  for (rt_entry* rt : ifap->ifa_routes->refs) {
+  for (uint32_t ref : ifap->ifa_routes->refs) {
+    rt_entry* rt = EntryRef::from(ref);
     for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
       if (rt->rt_adj.adj_ifaps[j] == ifap) rt->rt_adj.adj_ifaps[j] = nullptr;
     }

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fwk/daemon/record_arena.h"
 #include "fwk/daemon/rt_table.h"
 
 namespace corvd_rt {
@@ -22,6 +23,18 @@ constexpr uint32_t GW_LIVE = 0x47574C56;
 constexpr uint32_t GW_DEAD = 0xDEAD6A7E;
 
 // rt_table.cpp
+// Entry records: a deleted entry's address is never handed out again (record_arena.h), so a stale
+// pointer is caught however many entries came and went since. Shared by all instances.
+inline RecordArena& entryArena() {
+  static RecordArena* arena = new RecordArena(sizeof(rt_entry), std::size_t{16} << 30);
+  return *arena;
+}
+// An index slot's entry as its 32-bit reference in the arena (PrefixIndex's Ref).
+struct EntryRef {
+  using Stored = uint32_t;
+  static Stored to(rt_entry* rt) { return entryArena().refOf(rt); }
+  static rt_entry* from(Stored ref) { return static_cast<rt_entry*>(entryArena().at(ref)); }
+};
 // Prefix length of dest/mask, or -1 when they do not form an IPv4/IPv6 prefix.
 int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask);
 // True for a live entry; otherwise counts a misuse naming `fn` ("null entry" / "entry already

@@ -21,20 +21,13 @@ rt_rib rib = {0};
 
 namespace {
 
-// Entry records: a deleted entry's address is never handed out again (record_arena.h), so a stale
-// pointer is caught however many entries came and went since. Shared by all instances.
-RecordArena& entryRecords() {
-  static RecordArena* arena = new RecordArena(sizeof(rt_entry), std::size_t{16} << 30);
-  return *arena;
-}
-
 // The prefixes are found through one index per family. A slot holds the prefix's first entry in
-// selection order, and its key's tag that entry's protocol (gw_proto is fixed while a gateway owns
-// entries), so that rt_locate usually answers from the slot alone: at a million prefixes the head
-// and the entry are each a cache miss.
+// selection order (by its 32-bit reference in the entry arena), and its key's tag that entry's
+// protocol (gw_proto is fixed while a gateway owns entries), so that rt_locate usually answers
+// from the slot alone: at a million prefixes the head and the entry are each a cache miss.
 struct Table {
-  PrefixIndex<Key4, rt_entry> v4;
-  PrefixIndex<Key6, rt_entry> v6;
+  PrefixIndex<Key4, rt_entry, EntryRef> v4;
+  PrefixIndex<Key6, rt_entry, EntryRef> v6;
   std::deque<rt_head> heads;
   std::vector<rt_head*> freeHeads;
   std::size_t liveEntries = 0;
@@ -51,9 +44,9 @@ struct First {
 };
 
 template <typename Key>
-First firstIn(PrefixIndex<Key, rt_entry>& index, const Key& key) {
+First firstIn(PrefixIndex<Key, rt_entry, EntryRef>& index, const Key& key) {
   auto* slot = index.find(key);
-  return slot ? First{slot->value, slot->key.tag()} : First{nullptr, 0};
+  return slot ? First{slot->value(), slot->key.tag()} : First{nullptr, 0};
 }
 
 First findFirst(const sockaddr_un* dest, int plen) {
@@ -67,7 +60,8 @@ rt_head* findHead(const sockaddr_un* dest, int plen) {
 }
 
 template <typename Key>
-void syncSlot(PrefixIndex<Key, rt_entry>& index, Key key, rt_entry* was, rt_entry* first) {
+void syncSlot(PrefixIndex<Key, rt_entry, EntryRef>& index, Key key, rt_entry* was,
+              rt_entry* first) {
   if (!first) {
     index.erase(key);
     return;
@@ -79,7 +73,7 @@ void syncSlot(PrefixIndex<Key, rt_entry>& index, Key key, rt_entry* was, rt_entr
   }
   auto* slot = index.find(key);
   slot->key = key;
-  slot->value = first;
+  slot->valueIs(first);
 }
 
 // Brings the index in step after the first entry of `h` changed from `was` (null for a new
@@ -155,7 +149,7 @@ bool inBracket(const char* fn) {
   return false;
 }
 
-rt_entry* newEntry() { return static_cast<rt_entry*>(entryRecords().take()); }
+rt_entry* newEntry() { return static_cast<rt_entry*>(entryArena().take()); }
 
 }  // namespace
 
@@ -174,7 +168,7 @@ bool entryAlive(const rt_entry* rt, const char* fn) {
   if (rt_entry_alive(rt)) return true;
   if (!rt) {
     corvd_misuse(fn, "null entry");
-  } else if (entryRecords().state(rt) == RecordArena::State::foreign) {
+  } else if (entryArena().state(rt) == RecordArena::State::foreign) {
     corvd_misuse(fn, "not an entry of the table");
   } else {
     corvd_misuse(fn, "entry already deleted");
@@ -203,7 +197,7 @@ void removeEntry(rt_entry* rt) {
   rt->rt_head = nullptr;  // gone (rt_entry_alive)
   rt->rt_gwp = nullptr;
   --t.liveEntries;
-  entryRecords().give(rt);  // last: its page may be returned
+  entryArena().give(rt);  // last: its page may be returned
 }
 
 }  // namespace corvd_rt
@@ -367,8 +361,7 @@ int krt_addrcheck(const rt_parms* rtp) {
   }
   Key6 k = key6(d, plen);
   uint8_t b[16];
-  std::memcpy(b, &k.hi, 8);
-  std::memcpy(b + 8, &k.lo, 8);
+  std::memcpy(b, k.w, 16);
   if (std::memcmp(b, d->a_in6.sin6_addr, 16) != 0) return 0;
   static const uint8_t loop[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   return b[0] == 0xFF || (plen == 128 && std::memcmp(b, loop, 16) == 0) ? 0 : 1;
@@ -379,10 +372,10 @@ std::size_t rt_entry_count() { return t.liveEntries; }
 std::size_t rt_record_bytes() { return RecordArena::bytesHeldAll(); }
 
 bool rt_entry_alive(const rt_entry* rt) {
-  return rt && entryRecords().state(rt) == RecordArena::State::held && rt->rt_head;
+  return rt && entryArena().state(rt) == RecordArena::State::held && rt->rt_head;
 }
 
-std::size_t rt_record_pages() { return entryRecords().pagesHeld(); }
+std::size_t rt_record_pages() { return entryArena().pagesHeld(); }
 
 void rt_head_visit(void (*fn)(rt_head*, void*), void* arg) {
   for (rt_head& h : t.heads) {

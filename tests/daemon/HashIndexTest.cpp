@@ -77,7 +77,7 @@ TEST(PrefixIndexTable, AgreesWithAStandardMapThroughLongWrappedRunsAndGrowsByHal
         auto* s = index.find(CrowdedKey{q});
         ASSERT_EQ(s != nullptr, ref.count(q) == 1) << "key " << q << " step " << step;
         if (s) {
-          ASSERT_EQ(s->value, &values[static_cast<std::size_t>(q)]);
+          ASSERT_EQ(s->value(), &values[static_cast<std::size_t>(q)]);
         }
       }
     }
