@@ -215,9 +215,13 @@ void rt_ifa_forget(if_addr* ifap) {
   if (!ifap->ifa_routes) return;
   // Entry records are never unmapped (record_arena.h), so this is safe at exit as well.
   for (uint32_t ref : ifap->ifa_routes->refs) {
-    rt_entry* rt = EntryRef::from(ref);
-    for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
-      if (rt->rt_adj.adj_ifaps[j] == ifap) rt->rt_adj.adj_ifaps[j] = nullptr;
+    rt_adjacency& adj = EntryRef::from(ref)->rt_adj;
+    if (adj.adj_n_gw == 1) {  // its array is the address's own slot: point at a null one
+      adj.adj_ifaps = &noIfap;
+      continue;
+    }
+    for (int j = 0; j < adj.adj_n_gw; ++j) {
+      if (adj.adj_ifaps[j] == ifap) adj.adj_ifaps[j] = nullptr;
     }
   }
   freeList(ifap);

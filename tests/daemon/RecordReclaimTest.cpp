@@ -105,16 +105,22 @@ TEST_F(RecordReclaim, AddressFreedWithRoutesLeftTakesItsRouteListAlong) {
   gw_entry* gw = gw_init(nullptr, 8, fwk_task, 0, 0, nullptr, 0x800);
   rt_parms rtp = routeParms(gw, in4("203.0.113.0"), 24, 0, {in4("10.0.1.2"), in4("10.0.1.3")});
   if_addr* ifaps[2] = {a, a};
+  // A one-gateway entry too: its address array is a slot of the address itself.
+  rt_parms one = routeParms(gw, in4("203.0.114.0"), 24, 0, {in4("10.0.1.2")});
   rt_open(fwk_task);
   rt_entry* rt = rt_add(&rtp, ifaps);
+  rt_entry* rt1 = rt_add(&one, ifaps);
   rt_close(fwk_task, 0, 1, 0);
   ASSERT_NE(rt, nullptr) << misuseText();
+  ASSERT_NE(rt1, nullptr) << misuseText();
+  EXPECT_EQ(rt1->rt_adj.adj_ifaps[0], a);
   EXPECT_EQ(rt_ref_list_count(), 1u);
   // What happens to the interface table destroyed at exit, or reset with routes still there.
   if_table_reset();
   EXPECT_EQ(rt_ref_list_count(), 0u);
   EXPECT_EQ(rt->rt_adj.adj_ifaps[0], nullptr);
   EXPECT_EQ(rt->rt_adj.adj_ifaps[1], nullptr);
+  EXPECT_EQ(rt1->rt_adj.adj_ifaps[0], nullptr);
   EXPECT_TRUE(rt_entry_alive(rt));
   corvd_reset();
   EXPECT_EQ(rt_entry_count(), 0u);
