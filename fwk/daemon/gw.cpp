@@ -48,9 +48,10 @@ bool gwAlive(const gw_entry* gwp) {
   return gwp && gwRecords().state(gwp) == RecordArena::State::held && gwp->gw_magic == GW_LIVE;
 }
 
+// The queue's backward links are entries' 32-bit arena references (EntryRef), 0 for none.
 void gwQueueAppend(rt_entry* rt) {
   gw_entry* gw = rt->rt_gwp;
-  rt->rt_gw_prev = gw->gw_rt_last;
+  rt->rt_gw_prev = EntryRef::to(gw->gw_rt_last);
   rt->rt_gw_next = nullptr;
   (gw->gw_rt_last ? gw->gw_rt_last->rt_gw_next : gw->gw_rt_first) = rt;
   gw->gw_rt_last = rt;
@@ -59,9 +60,15 @@ void gwQueueAppend(rt_entry* rt) {
 
 void gwQueueRemove(rt_entry* rt) {
   gw_entry* gw = rt->rt_gwp;
-  (rt->rt_gw_prev ? rt->rt_gw_prev->rt_gw_next : gw->gw_rt_first) = rt->rt_gw_next;
-  (rt->rt_gw_next ? rt->rt_gw_next->rt_gw_prev : gw->gw_rt_last) = rt->rt_gw_prev;
-  rt->rt_gw_next = rt->rt_gw_prev = nullptr;
+  rt_entry* prev = EntryRef::from(rt->rt_gw_prev);
+  (prev ? prev->rt_gw_next : gw->gw_rt_first) = rt->rt_gw_next;
+  if (rt->rt_gw_next) {
+    rt->rt_gw_next->rt_gw_prev = rt->rt_gw_prev;
+  } else {
+    gw->gw_rt_last = prev;
+  }
+  rt->rt_gw_next = nullptr;
+  rt->rt_gw_prev = 0;
   --gw->gw_n_routes;
 }
 

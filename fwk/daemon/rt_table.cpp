@@ -6,6 +6,8 @@
 #include <cstring>
 #include <deque>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "fwk/daemon/instance_state.h"
@@ -30,6 +32,8 @@ struct Table {
   PrefixIndex<Key6, rt_entry, EntryRef> v6;
   std::deque<rt_head> heads;
   std::vector<rt_head*> freeHeads;
+  // The second preference and metric of the entries that have either (RTS_EXTRA).
+  std::unordered_map<const rt_entry*, std::pair<int32_t, uint32_t>> extras;
   std::size_t liveEntries = 0;
   uint64_t seq = 0;
   bool open = false;
@@ -194,6 +198,7 @@ void removeEntry(rt_entry* rt) {
   ptreeEntryRemoved(rt, h);
   clearAdj(rt);
   if (!h->rth_routes) dropHead(h);
+  if (rt->rt_state & RTS_EXTRA) t.extras.erase(rt);
   rt->rt_head = nullptr;  // gone (rt_entry_alive)
   rt->rt_gwp = nullptr;
   --t.liveEntries;
@@ -260,11 +265,13 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   std::memset(rt, 0, sizeof *rt);
   rt->rt_head = h;
   rt->rt_gwp = rtp->rtp_gwp;
-  rt->rt_state = rtp->rtp_state & ~(RTS_ACTIVE | RTS_SETASIDE | RTS_SETASIDE_ZERO);
+  rt->rt_state = rtp->rtp_state & ~(RTS_ACTIVE | RTS_SETASIDE | RTS_SETASIDE_ZERO | RTS_EXTRA);
   rt->rt_seq = ++t.seq;
   rt->rt_preference = rtp->rtp_preference;
-  rt->rt_preference2 = rtp->rtp_preference2;
-  rt->rt_metric = rtp->rtp_metric;
+  if (rtp->rtp_preference2 != 0 || rtp->rtp_metric != 0) {
+    t.extras[rt] = {rtp->rtp_preference2, rtp->rtp_metric};
+    rt->rt_state |= RTS_EXTRA;
+  }
   rt->rt_tag = rtp->rtp_tag;
   setAdj(rt, rtp->rtp_n_gw, rtp->rtp_routers, ifaps);
   setAsideIfDown(rt);
@@ -365,6 +372,14 @@ int krt_addrcheck(const rt_parms* rtp) {
   if (std::memcmp(b, d->a_in6.sin6_addr, 16) != 0) return 0;
   static const uint8_t loop[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   return b[0] == 0xFF || (plen == 128 && std::memcmp(b, loop, 16) == 0) ? 0 : 1;
+}
+
+int32_t rt_entry_preference2(const rt_entry* rt) {
+  return rt->rt_state & RTS_EXTRA ? t.extras.at(rt).first : 0;
+}
+
+uint32_t rt_entry_metric(const rt_entry* rt) {
+  return rt->rt_state & RTS_EXTRA ? t.extras.at(rt).second : 0;
 }
 
 std::size_t rt_head_count() { return t.v4.size() + t.v6.size(); }

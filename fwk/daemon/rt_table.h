@@ -44,6 +44,7 @@ constexpr uint64_t RTS_ACTIVE = 0x1;                    // the prefix's selected
 constexpr uint64_t RTS_GATEWAY = 0x10;                  // routed through a gateway (set by callers)
 constexpr uint64_t RTS_SETASIDE = 0x100000000ull;       // preference negated by the daemon
 constexpr uint64_t RTS_SETASIDE_ZERO = 0x200000000ull;  // ... and it was 0 before
+constexpr uint64_t RTS_EXTRA = 0x400000000ull;          // a second preference or metric is kept
 
 // Flags or-ed by callers into every new route's state; the daemon never changes it.
 struct rt_rib {
@@ -63,23 +64,27 @@ typedef struct _rt_adjacency {
 
 struct _rt_head;
 
-// 96 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
-// it from a live one on a page still held.
+// 88 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
+// it from a live one on a page still held. The second preference and the metric, which the
+// daemon only stores, are kept beside the entry when not zero (rt_entry_preference2,
+// rt_entry_metric): a full table's entries all have zero there.
 typedef struct _rt_entry {
   struct _rt_entry* rt_next;     // next entry of the prefix in selection order, or null
   struct _rt_entry* rt_gw_next;  // next entry on the gateway's route queue
-  struct _rt_entry* rt_gw_prev;  // previous entry on the gateway's route queue
   struct _rt_head* rt_head;      // the prefix; null once the entry is gone
   gw_entry* rt_gwp;              // owning gateway (protocol)
   uint64_t rt_state;             // RTS_* bits plus the caller's rtp_state
   uint64_t rt_seq;               // add order
   int32_t rt_preference;         // preference; negative = set aside
-  int32_t rt_preference2;        // second preference (stored only)
-  uint32_t rt_metric;            // metric (stored only)
   uint32_t rt_tag;               // route tag
+  uint32_t rt_gw_prev;           // daemon bookkeeping (the previous entry on the route queue)
   rt_adjacency rt_adj;           // gateways
 } rt_entry;
-static_assert(sizeof(rt_entry) == 96);
+static_assert(sizeof(rt_entry) == 88);
+
+// What rt_add stored of rtp_preference2 and rtp_metric.
+int32_t rt_entry_preference2(const rt_entry* rt);
+uint32_t rt_entry_metric(const rt_entry* rt);
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
 // The count and the length share the word after the destination: 48 bytes a prefix.

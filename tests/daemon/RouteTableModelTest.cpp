@@ -20,6 +20,8 @@ struct ModelEntry {
   int pref;               // preference as the caller last set it
   uint64_t seq;           // add order
   rt_entry* rt;           // the daemon's entry
+  int pref2;              // second preference and metric, stored only
+  uint32_t metric;
 };
 
 struct Model {
@@ -117,6 +119,9 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
       rtp.rtp_dest_mask = mask;
       rtp.rtp_gwp = gw[g];
       rtp.rtp_preference = pick(5) * 10;
+      rtp.rtp_preference2 = pick(3) == 0 ? pick(100) - 50 : 0;
+      rtp.rtp_metric = pick(3) == 0 ? static_cast<uint32_t>(pick(1000)) : 0;
+      rtp.rtp_state = pick(2) ? RTS_EXTRA : 0;  // the daemon's own bit, not the caller's to set
       rtp.rtp_n_gw = static_cast<int>(hops.size());
       if_addr* ifaps[RT_N_MULTIPATH] = {};
       resolve(hops, v6(p), rtp.rtp_routers, ifaps);
@@ -129,7 +134,8 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
         continue;
       }
       ASSERT_NE(rt, nullptr) << misuseText();
-      m.byPrefix[p].push_back({g, hops, rtp.rtp_preference, ++m.seq, rt});
+      m.byPrefix[p].push_back(
+          {g, hops, rtp.rtp_preference, ++m.seq, rt, rtp.rtp_preference2, rtp.rtp_metric});
     } else if (op < 75) {  // change (op < 60) or delete
       if (m.byPrefix.empty()) continue;
       auto it = std::next(m.byPrefix.begin(), pick(static_cast<int>(m.byPrefix.size())));
@@ -208,6 +214,8 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
         ASSERT_EQ(rt, e->rt) << "prefix " << p << " step " << step << "\n" << corvd_show_routes();
         EXPECT_EQ(rt->rt_preference, m.effective(*e));
         EXPECT_EQ((rt->rt_state & RTS_ACTIVE) != 0, e == order.front() && m.effective(*e) >= 0);
+        EXPECT_EQ(rt_entry_preference2(rt), e->pref2);
+        EXPECT_EQ(rt_entry_metric(rt), e->metric);
         EXPECT_EQ(rt->rt_adj.adj_n_gw, static_cast<int>(e->hops.size()));
         for (std::size_t j = 0; j < e->hops.size(); ++j) {
           gateways.insert(e->hops[j] * 2 + (v6(p) ? 1 : 0));
@@ -219,6 +227,8 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
       EXPECT_EQ(rt, nullptr);
       const ModelEntry* first = order.front();
       EXPECT_EQ(rt_head_active(h), m.effective(*first) >= 0 ? first->rt : nullptr);
+      // The gateway addresses built above may have recycled the temporaries dest and mask.
+      std::tie(dest, mask) = prefixOf(p);
       for (int g = 0; g < kProtos; ++g) {
         rt_bits bits;
         rt_make_bits(&bits, 1, gw[g]->gw_proto);
