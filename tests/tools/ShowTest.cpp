@@ -139,6 +139,17 @@ TEST_F(ShowTest, InterfacesUnresolvedAndCountersSayWhatTheHostObserved) {
   EXPECT_EQ(find(d["backlogs"], "name", "route6Backlog bgp6")[0]["drained"], 2);
   EXPECT_GE(counters["loop"]["callbacks"].get<int>(), 3);
   EXPECT_EQ(counters["vrfs"][1]["calls"].value("rt_add", 0), 0);  // red has no routes
+
+  // An IPv6 route parked with the IPv6 reason (which says "for" where IPv4 says "with").
+  run("route default bgp6 2001:db8:77::/48 via 2001:db8:7::2\nrun 1");
+  EXPECT_EQ(find(doc("show unresolved json"), "family", "inet6"), json::parse(R"([
+    {"vrf": "default", "input": "bgp6", "family": "inet6", "dst": "2001:db8:77::/48",
+     "reason": "There is no interface for nexthop 2001:db8:7::2"}])"));
+  EXPECT_NE(
+      run("show unresolved")
+          .find(
+              "  bgp6 (ipv6) 2001:db8:77::/48: There is no interface for nexthop 2001:db8:7::2\n"),
+      std::string::npos);
 }
 
 // A device name need not be UTF-8 (the kernel takes any bytes): the JSON is still one valid
