@@ -33,6 +33,9 @@ std::size_t liveLists = 0;  // of the process, for rt_ref_list_count
 // The adj_ifaps of a one-gateway set served by no interface address.
 if_addr* noIfap = nullptr;
 
+// The one-element adj_ifaps of a one-gateway set served by `a` (null: by none).
+if_addr** ifapSlot(if_addr* a) { return a ? &a->ifa_self : &noIfap; }
+
 uint32_t* positions(rt_adjacency& adj) {
   return adj.adj_n_gw == 1 ? &adj.adj_pos1
                            : reinterpret_cast<uint32_t*>(adj.adj_ifaps + adj.adj_n_gw);
@@ -136,7 +139,7 @@ void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* if
   adj.adj_n_gw = n;
   if (n == 1) {
     adj.adj_routers = addrSlot(shared[0]);
-    adj.adj_ifaps = users[0] ? &users[0]->ifa_self : &noIfap;
+    adj.adj_ifaps = ifapSlot(users[0]);
   } else if (n > 1) {
     // One block: the pointer arrays first (most aligned), then the positions.
     auto* block = static_cast<unsigned char*>(::operator new(adjBytes(n)));
@@ -216,8 +219,8 @@ void rt_ifa_forget(if_addr* ifap) {
   // Entry records are never unmapped (record_arena.h), so this is safe at exit as well.
   for (uint32_t ref : ifap->ifa_routes->refs) {
     rt_adjacency& adj = EntryRef::from(ref)->rt_adj;
-    if (adj.adj_n_gw == 1) {  // its array is the address's own slot: point at a null one
-      adj.adj_ifaps = &noIfap;
+    if (adj.adj_n_gw == 1) {  // its array is the address's own slot, which goes with it
+      adj.adj_ifaps = ifapSlot(nullptr);
       continue;
     }
     for (int j = 0; j < adj.adj_n_gw; ++j) {

@@ -23,10 +23,6 @@ rt_rib rib = {0};
 
 namespace {
 
-// The prefixes are found through one index per family. A slot holds the prefix's first entry in
-// selection order (by its 32-bit reference in the entry arena), and its key's tag that entry's
-// protocol (gw_proto is fixed while a gateway owns entries), so that rt_locate usually answers
-// from the slot alone: at a million prefixes the head and the entry are each a cache miss.
 // Prefix heads, made kChunk at a time and never moved (entries point at them): 48 bytes a prefix,
 // where a deque's blocks of ten took 49.6. An emptied head waits on `free` for the next prefix.
 struct Heads {
@@ -53,6 +49,10 @@ struct Heads {
   }
 };
 
+// The prefixes are found through one index per family. A slot holds the prefix's first entry in
+// selection order (by its 32-bit reference in the entry arena), and its key's tag that entry's
+// protocol (gw_proto is fixed while a gateway owns entries), so that rt_locate usually answers
+// from the slot alone: at a million prefixes the head and the entry are each a cache miss.
 struct Table {
   PrefixIndex<Key4, rt_entry, EntryRef> v4;
   PrefixIndex<Key6, rt_entry, EntryRef> v6;
