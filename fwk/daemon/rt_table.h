@@ -64,7 +64,7 @@ typedef struct _rt_adjacency {
 
 struct _rt_head;
 
-// 88 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
+// 80 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
 // it from a live one on a page still held. The second preference and the metric, which the
 // daemon only stores, are kept beside the entry when not zero (rt_entry_preference2,
 // rt_entry_metric): a full table's entries all have zero there.
@@ -74,28 +74,33 @@ typedef struct _rt_entry {
   struct _rt_head* rt_head;      // the prefix; null once the entry is gone
   gw_entry* rt_gwp;              // owning gateway (protocol)
   uint64_t rt_state;             // RTS_* bits plus the caller's rtp_state
-  uint64_t rt_seq;               // add order
   int32_t rt_preference;         // preference; negative = set aside
   uint32_t rt_tag;               // route tag
   uint32_t rt_gw_prev;           // daemon bookkeeping (the previous entry on the route queue)
+  uint32_t rt_seq;               // add order among the entries of its prefix
   rt_adjacency rt_adj;           // gateways
 } rt_entry;
-static_assert(sizeof(rt_entry) == 88);
+static_assert(sizeof(rt_entry) == 80);
 
 // What rt_add stored of rtp_preference2 and rtp_metric.
 int32_t rt_entry_preference2(const rt_entry* rt);
 uint32_t rt_entry_metric(const rt_entry* rt);
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
-// The count and the length share the word after the destination: 48 bytes a prefix.
+// The count and the length share the word after the destination, and the mask is the shared one
+// of that length (rt_head_mask): 40 bytes a prefix.
 typedef struct _rt_head {
   sockaddr_un rth_dest;         // destination (copy, host bits cleared)
   uint32_t rth_n_entries : 24;  // entries on the list, at most RTH_MAX_ENTRIES
   uint8_t rth_plen;             // prefix length (in the count's last byte)
-  sockaddr_un* rth_dest_mask;   // shared mask
   rt_entry* rth_routes;         // first entry in selection order
 } rt_head;
-static_assert(sizeof(rt_head) == 48);
+static_assert(sizeof(rt_head) == 40);
+
+// The prefix's mask: the shared mask of its family and length.
+inline sockaddr_un* rt_head_mask(const rt_head* h) {
+  return sock_mask_by_len(h->rth_dest.sa_family, h->rth_plen);
+}
 
 // The active entry of a prefix (the first in selection order unless it is set aside), or null.
 inline rt_entry* rt_head_active(const rt_head* h) {

@@ -44,11 +44,11 @@ IfaChange classify(int change, bool up) {
   }
 }
 
-// The key of a daemon route: its destination and the prefix length of its shared mask. A
-// destination with bits beyond that length raises the key's range error.
+// The key of a daemon route: its destination and prefix length. A destination with bits beyond that
+// length raises the key's range error.
 template <class Key>
 Key keyOf(const rt_head* head) {
-  return Key(modelAddr<typename Key::Addr>(&head->rth_dest), sock_mask_len(head->rth_dest_mask));
+  return Key(modelAddr<typename Key::Addr>(&head->rth_dest), head->rth_plen);
 }
 
 // A route of the gateway that uses the changed address, as found before anything changes: the

@@ -269,6 +269,42 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
   EXPECT_EQ(corvd_call_count("rt_change_s"), changes);
 }
 
+// Add order is kept per prefix in 32 bits; when the last number is taken, the prefix's entries
+// are numbered again in the order they were added, whatever their order on the list.
+TEST_F(RouteTableModel, AddOrderNumberedAgainWhenItRunsOutKeepsTies) {
+  gw_entry* gw[3];
+  for (int i = 0; i < 3; ++i) gw[i] = gw_init(nullptr, 10 + i, fwk_task, 0, 0, nullptr, 0);
+  auto add = [&](int g, int pref) {
+    rt_parms rtp = routeParms(gw[g], in4("20.1.0.0"), 16, pref);
+    rt_open(fwk_task);
+    rt_entry* rt = rt_add(&rtp, nullptr);
+    rt_close(fwk_task, 0, 1, 0);
+    return rt;
+  };
+  auto order = [](const rt_entry* rt) {
+    std::vector<const rt_entry*> out;
+    for (const rt_entry* e = rt->rt_head->rth_routes; e; e = e->rt_next) out.push_back(e);
+    return out;
+  };
+  rt_entry* a = add(0, 9);
+  rt_entry* b = add(1, 5);  // listed before a, added after it
+  ASSERT_TRUE(a && b) << misuseText();
+  EXPECT_EQ(b->rt_seq, 2u);
+  b->rt_seq = UINT32_MAX;  // as after four billion adds to this prefix
+  rt_entry* c = add(2, 9);
+  ASSERT_TRUE(c) << misuseText();
+  EXPECT_EQ(a->rt_seq, 1u);
+  EXPECT_EQ(b->rt_seq, 2u);
+  EXPECT_EQ(c->rt_seq, 3u);
+  // Tied with a and c, b goes between them: after a, added before it, and before c.
+  rt_change_parms cp{9, 0, nullptr, nullptr};
+  rt_open(fwk_task);
+  ASSERT_EQ(rt_change_s(b, &cp), b) << misuseText();
+  rt_close(fwk_task, 0, 1, 0);
+  EXPECT_EQ(order(a), (std::vector<const rt_entry*>{a, b, c}));
+  EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
+}
+
 TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
   gw_entry* gw = gw_init(nullptr, 10, fwk_task, 0, 0, nullptr, 0);
   auto add = [&](int p, int pref) {
