@@ -87,9 +87,9 @@ class Entity : public PtrInterface, public NotifierBase {
   }
   static inline long live_ = 0;
 };
-// Four words (the vtable, the count with its spare byte, the notifiee list): a million routes
+// Three words (the vtable, the count with its spare byte, the notifiee list): a million routes
 // each pay for every word here.
-static_assert(sizeof(Entity) == 4 * sizeof(void*));
+static_assert(sizeof(Entity) == 3 * sizeof(void*));
 
 }  // namespace Kel
 

@@ -114,31 +114,41 @@ class NotifierBase {
     NotifieeBase* notifiee;
     std::uint32_t serial;
   };
-  // The registered notifiees in order. Most notifiers have at most one notifiee (a route watched
-  // by its protocol's reactor), so the first lives inline and only further ones take heap
-  // storage: two words, in every entity.
+  // The registered notifiees in order, in one word: most notifiers have at most one notifiee (a
+  // route watched by its protocol's reactor), and a million routes each pay for every word. The
+  // word is null (none), one notifiee, or, with its low bit set (a notifiee is aligned to a
+  // word), a heap list of two or more.
   class RegList {
    public:
-    std::size_t size() const { return first_ ? 1 + (rest_ ? rest_->size() : 0) : 0; }
-    bool empty() const { return first_ == nullptr; }
-    NotifieeBase* operator[](std::size_t i) const { return i == 0 ? first_ : (*rest_)[i - 1]; }
+    RegList() = default;
+    RegList(const RegList&) = delete;
+    RegList& operator=(const RegList&) = delete;
+    ~RegList() { delete many(); }
+    std::size_t size() const { return many() ? many()->size() : (word_ ? 1 : 0); }
+    bool empty() const { return word_ == nullptr; }
+    NotifieeBase* operator[](std::size_t i) const {
+      return many() ? (*many())[i] : static_cast<NotifieeBase*>(word_);
+    }
     void push_back(NotifieeBase* n) {
-      if (!first_) {
-        first_ = n;
-        return;
+      if (auto* m = many()) {
+        m->push_back(n);
+      } else if (!word_) {
+        word_ = n;
+      } else {
+        auto* list = new std::vector<NotifieeBase*>{static_cast<NotifieeBase*>(word_), n};
+        word_ = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(list) | kMany);
       }
-      if (!rest_) rest_ = std::make_unique<std::vector<NotifieeBase*>>();
-      rest_->push_back(n);
     }
     void eraseAt(std::size_t i) {
-      if (i != 0) {
-        rest_->erase(rest_->begin() + static_cast<std::ptrdiff_t>(i - 1));
-      } else if (!rest_ || rest_->empty()) {
-        first_ = nullptr;
-      } else {
-        first_ = rest_->front();
-        rest_->erase(rest_->begin());
+      auto* m = many();
+      if (!m) {
+        word_ = nullptr;
+        return;
       }
+      m->erase(m->begin() + static_cast<std::ptrdiff_t>(i));
+      if (m->size() > 1) return;
+      word_ = m->front();  // one left: back in the word
+      delete m;
     }
     std::vector<Reg> snapshot() const {
       std::vector<Reg> out;
@@ -148,9 +158,14 @@ class NotifierBase {
     }
 
    private:
-    NotifieeBase* first_ = nullptr;  // null: the list is empty
-    std::unique_ptr<std::vector<NotifieeBase*>> rest_;
+    static constexpr std::uintptr_t kMany = 1;
+    std::vector<NotifieeBase*>* many() const {
+      auto w = reinterpret_cast<std::uintptr_t>(word_);
+      return w & kMany ? reinterpret_cast<std::vector<NotifieeBase*>*>(w & ~kMany) : nullptr;
+    }
+    void* word_ = nullptr;
   };
+  static_assert(alignof(NotifieeBase) > 1);
   bool stillRegistered(const Reg& r) const;
   void add(NotifieeBase* n) const;
   void remove(NotifieeBase* n) const;
