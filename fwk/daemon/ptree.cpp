@@ -31,8 +31,6 @@ ptree* treeOf(gw_entry* gwp) {
   return gwp->gw_ptree;
 }
 
-Key6 keyOf(const rt_head* h) { return key6(&h->rth_dest, h->rth_plen); }
-
 }  // namespace
 
 const corvd_state_ops corvd_state_ptree = corvd_state_ops_of<Trees, allTrees>();
@@ -41,14 +39,14 @@ namespace corvd_rt {
 
 void ptreeEntryAdded(rt_entry* rt) {
   const rt_head* h = rt->rt_head;
-  if (h->rth_dest.sa_family != SA_FAMILY_INET6) return;
+  if (!h->rth_inet6) return;
   ptree_insert(treeOf(rt->rt_gwp), rt);
 }
 
 void ptreeEntryRemoved(rt_entry* rt, rt_head* h) {
   ptree* tree = rt->rt_gwp->gw_ptree;
-  if (h->rth_dest.sa_family != SA_FAMILY_INET6 || !tree) return;
-  auto* slot = tree->byPrefix.find(keyOf(h));
+  if (!h->rth_inet6 || !tree) return;
+  auto* slot = tree->byPrefix.find(headKey6(h));
   if (!slot || slot->value() != rt) return;
   for (rt_entry* e = h->rth_routes; e; e = e->rt_next) {
     if (e->rt_gwp == rt->rt_gwp) {
@@ -56,7 +54,7 @@ void ptreeEntryRemoved(rt_entry* rt, rt_head* h) {
       return;
     }
   }
-  tree->byPrefix.erase(keyOf(h));
+  tree->byPrefix.erase(headKey6(h));
 }
 
 void ptreeFree(gw_entry* gwp) {
@@ -77,16 +75,16 @@ rt_entry* ptree_find(ptree* tree, const sockaddr_un* dest, const sockaddr_un* ma
 
 int ptree_insert(ptree* tree, rt_entry* rt) {
   if (!tree || !entryAlive(rt, "ptree_insert")) return 0;
-  if (rt->rt_head->rth_dest.sa_family != SA_FAMILY_INET6) return 0;
-  Key6 key = keyOf(rt->rt_head);
+  if (!rt->rt_head->rth_inet6) return 0;
+  Key6 key = headKey6(rt->rt_head);
   if (tree->byPrefix.find(key)) return 0;
   tree->byPrefix.insert(key, rt);
   return 1;
 }
 
 int ptree_remove(ptree* tree, rt_entry* rt) {
-  if (!tree || !entryAlive(rt, "ptree_remove")) return 0;
-  Key6 key = keyOf(rt->rt_head);
+  if (!tree || !entryAlive(rt, "ptree_remove") || !rt->rt_head->rth_inet6) return 0;
+  Key6 key = headKey6(rt->rt_head);
   auto* slot = tree->byPrefix.find(key);
   if (!slot || slot->value() != rt) return 0;
   tree->byPrefix.erase(key);

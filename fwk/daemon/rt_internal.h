@@ -14,10 +14,26 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "fwk/daemon/prefix_key.h"
 #include "fwk/daemon/record_arena.h"
 #include "fwk/daemon/rt_table.h"
 
 namespace corvd_rt {
+
+// An IPv6 prefix's head: the common part, then the destination's other three words.
+struct rt_head6 : rt_head {
+  uint32_t rth_addr_rest[3];
+};
+static_assert(sizeof(rt_head6) == 32);
+
+// A prefix's index key (tag zero), from its head.
+inline Key4 headKey4(const rt_head* h) { return Key4{h->rth_addr, uint32_t{h->rth_plen} << 16}; }
+inline Key6 headKey6(const rt_head* h) {
+  const auto* h6 = static_cast<const rt_head6*>(h);
+  return Key6{{h->rth_addr, h6->rth_addr_rest[0], h6->rth_addr_rest[1], h6->rth_addr_rest[2]},
+              h->rth_plen,
+              0};
+}
 
 constexpr uint32_t GW_LIVE = 0x47574C56;
 constexpr uint32_t GW_DEAD = 0xDEAD6A7E;

@@ -23,23 +23,24 @@ rt_rib rib = {0};
 
 namespace {
 
-// Prefix heads, made kChunk at a time and never moved (entries point at them): 40 bytes a prefix
-// and nothing more (a deque's blocks of ten would add a sixth). An emptied head waits on `free`
-// for the next prefix.
+// Prefix heads of one family, made kChunk at a time and never moved (entries point at them): 16
+// bytes an IPv4 prefix and 32 an IPv6 one, and nothing more. An emptied head waits on `free` for
+// the next prefix.
+template <class Head>
 struct Heads {
   static constexpr std::size_t kChunk = 1024;
-  std::vector<std::unique_ptr<rt_head[]>> chunks;
+  std::vector<std::unique_ptr<Head[]>> chunks;
   std::size_t made = 0;
-  std::vector<rt_head*> free;
+  std::vector<Head*> free;
 
-  rt_head* take() {
+  Head* take() {
     if (!free.empty()) {
-      rt_head* h = free.back();
+      Head* h = free.back();
       free.pop_back();
       return h;
     }
-    if (made == chunks.size() * kChunk) chunks.emplace_back(new rt_head[kChunk]);
-    rt_head* h = &chunks[made / kChunk][made % kChunk];
+    if (made == chunks.size() * kChunk) chunks.emplace_back(new Head[kChunk]);
+    Head* h = &chunks[made / kChunk][made % kChunk];
     ++made;
     return h;
   }
@@ -57,7 +58,8 @@ struct Heads {
 struct Table {
   PrefixIndex<Key4, rt_entry, EntryRef> v4;
   PrefixIndex<Key6, rt_entry, EntryRef> v6;
-  Heads heads;
+  Heads<rt_head> heads4;
+  Heads<rt_head6> heads6;
   // The second preference and metric of the entries that have either (RTS_EXTRA).
   std::unordered_map<const rt_entry*, std::pair<int32_t, uint32_t>> extras;
   std::size_t liveEntries = 0;
@@ -109,27 +111,38 @@ void syncSlot(PrefixIndex<Key, rt_entry, EntryRef>& index, Key key, rt_entry* wa
 // prefix) to rth_routes (null when the prefix is empty: it leaves the index).
 void syncFirst(rt_head* h, rt_entry* was) {
   if (h->rth_routes == was) return;
-  if (h->rth_dest.sa_family == SA_FAMILY_INET) {
-    syncSlot(t.v4, key4(&h->rth_dest, h->rth_plen), was, h->rth_routes);
+  if (!h->rth_inet6) {
+    syncSlot(t.v4, headKey4(h), was, h->rth_routes);
   } else {
-    syncSlot(t.v6, key6(&h->rth_dest, h->rth_plen), was, h->rth_routes);
+    syncSlot(t.v6, headKey6(h), was, h->rth_routes);
   }
 }
 
 rt_head* makeHead(const sockaddr_un* dest, int plen) {
-  rt_head* h = t.heads.take();
-  std::memset(h, 0, sizeof *h);
-  h->rth_dest = *dest;
-  h->rth_dest.sa_plen = SA_PLEN_NONE;
-  sockmask(&h->rth_dest, sock_mask_by_len(dest->sa_family, plen));
+  if (dest->sa_family == SA_FAMILY_INET) {
+    rt_head* h = t.heads4.take();
+    *h = rt_head{};
+    h->rth_plen = static_cast<uint8_t>(plen);
+    h->rth_addr = key4(dest, plen).addr();
+    return h;
+  }
+  rt_head6* h = t.heads6.take();
+  *h = rt_head6{};
+  Key6 k = key6(dest, plen);
+  h->rth_inet6 = 1;
   h->rth_plen = static_cast<uint8_t>(plen);
+  h->rth_addr = k.w[0];
+  std::copy(k.w + 1, k.w + 4, h->rth_addr_rest);
   return h;
 }
 
 // Frees an empty prefix (already out of the index).
 void dropHead(rt_head* h) {
-  h->rth_dest.sa_family = SA_FAMILY_POISON;
-  t.heads.free.push_back(h);
+  if (h->rth_inet6) {
+    t.heads6.free.push_back(static_cast<rt_head6*>(h));
+  } else {
+    t.heads4.free.push_back(h);
+  }
 }
 
 // The add order of a new entry of `h` (null for a new prefix): after every entry it holds. Only
@@ -429,22 +442,43 @@ bool rt_entry_alive(const rt_entry* rt) {
 
 std::size_t rt_record_pages() { return entryArena().pagesHeld(); }
 
+sockaddr_un rt_head_dest(const rt_head* h) {
+  sockaddr_un d{};
+  d.sa_plen = SA_PLEN_NONE;
+  if (!h->rth_inet6) {
+    d.sa_len = 4;
+    d.sa_family = SA_FAMILY_INET;
+    d.a_in.sin_addr = h->rth_addr;
+  } else {
+    d.sa_len = 16;
+    d.sa_family = SA_FAMILY_INET6;
+    Key6 k = headKey6(h);
+    std::memcpy(d.a_in6.sin6_addr, k.w, 16);
+  }
+  return d;
+}
+
 void rt_head_visit(void (*fn)(rt_head*, void*), void* arg) {
-  t.heads.forEach([&](rt_head& h) {
+  auto visit = [&](rt_head& h) {
     if (h.rth_routes) fn(&h, arg);
-  });
+  };
+  t.heads4.forEach(visit);
+  t.heads6.forEach(visit);
 }
 
 void rt_head_walk(void (*fn)(rt_head*, void*), void* arg) {
   std::vector<rt_head*> all;
-  t.heads.forEach([&](rt_head& h) {
+  auto collect = [&](rt_head& h) {
     if (h.rth_routes) all.push_back(&h);
-  });
+  };
+  t.heads4.forEach(collect);
+  t.heads6.forEach(collect);
   auto rank = [](const rt_head* h) {
+    sockaddr_un d = rt_head_dest(h);
     int n = 0;
-    const uint8_t* b = sockaddr_bytes(&h->rth_dest, &n);
+    const uint8_t* b = sockaddr_bytes(&d, &n);
     std::array<uint8_t, 18> k{};
-    k[0] = h->rth_dest.sa_family;
+    k[0] = d.sa_family;
     std::memcpy(k.data() + 1, b, static_cast<std::size_t>(n));
     k[17] = h->rth_plen;
     return k;

@@ -37,7 +37,7 @@
 #include "fwk/daemon/task.h"
 
 constexpr int RT_N_MULTIPATH = 128;             // most gateways per entry (size of rtp_routers)
-constexpr uint32_t RTH_MAX_ENTRIES = 0xFFFFFF;  // most entries per prefix
+constexpr uint32_t RTH_MAX_ENTRIES = 0x7FFFFF;  // most entries per prefix
 
 // rt_state bits kept by the daemon (others are stored as given).
 constexpr uint64_t RTS_ACTIVE = 0x1;                    // the prefix's selected entry
@@ -87,19 +87,23 @@ int32_t rt_entry_preference2(const rt_entry* rt);
 uint32_t rt_entry_metric(const rt_entry* rt);
 
 // All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
-// The count and the length share the word after the destination, and the mask is the shared one
-// of that length (rt_head_mask): 40 bytes a prefix.
+// The destination is kept as its masked address words, not as a socket address: rt_head_dest
+// builds one, rt_head_mask gives the shared mask of its length. 16 bytes an IPv4 prefix, 32 an
+// IPv6 one (its further address words follow, in a larger record).
 typedef struct _rt_head {
-  sockaddr_un rth_dest;         // destination (copy, host bits cleared)
-  uint32_t rth_n_entries : 24;  // entries on the list, at most RTH_MAX_ENTRIES
-  uint8_t rth_plen;             // prefix length (in the count's last byte)
   rt_entry* rth_routes;         // first entry in selection order
+  uint32_t rth_n_entries : 23;  // entries on the list, at most RTH_MAX_ENTRIES
+  uint32_t rth_inet6 : 1;       // an IPv6 prefix (else IPv4)
+  uint8_t rth_plen;             // prefix length (in the count's last byte)
+  uint32_t rth_addr;            // the destination's first address word, as its bytes read
 } rt_head;
-static_assert(sizeof(rt_head) == 40);
+static_assert(sizeof(rt_head) == 16);
 
+// The destination (host bits cleared) as a socket address of the prefix's family.
+sockaddr_un rt_head_dest(const rt_head* h);
 // The prefix's mask: the shared mask of its family and length.
 inline sockaddr_un* rt_head_mask(const rt_head* h) {
-  return sock_mask_by_len(h->rth_dest.sa_family, h->rth_plen);
+  return sock_mask_by_len(h->rth_inet6 ? SA_FAMILY_INET6 : SA_FAMILY_INET, h->rth_plen);
 }
 
 // The active entry of a prefix (the first in selection order unless it is set aside), or null.

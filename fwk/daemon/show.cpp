@@ -14,6 +14,11 @@ std::string text(const sockaddr_un* a) {
   return buf;
 }
 
+std::string headText(const rt_head* h) {
+  sockaddr_un d = rt_head_dest(h);
+  return text(&d);
+}
+
 std::string jsonString(const std::string& s) {
   std::string out = "\"";
   for (char c : s) {
@@ -60,7 +65,7 @@ void entryText(std::ostream& os, const rt_entry* rt) {
 
 void headText(rt_head* h, void* arg) {
   auto& os = *static_cast<std::ostringstream*>(arg);
-  os << text(&h->rth_dest) << '/' << static_cast<int>(h->rth_plen) << '\n';
+  os << headText(h) << '/' << static_cast<int>(h->rth_plen) << '\n';
   for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) entryText(os, rt);
 }
 
@@ -94,7 +99,7 @@ void linkJson(if_link* l, void* arg) {
 void headJson(rt_head* h, void* arg) {
   auto& j = *static_cast<JsonSink*>(arg);
   j.sep();
-  j.os << "{\"prefix\":" << jsonString(text(&h->rth_dest) + "/" + std::to_string(h->rth_plen))
+  j.os << "{\"prefix\":" << jsonString(headText(h) + "/" + std::to_string(h->rth_plen))
        << ",\"entries\":[";
   for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
     j.os << (rt == h->rth_routes ? "" : ",") << "{\"proto\":" << rt->rt_gwp->gw_proto

@@ -48,7 +48,8 @@ IfaChange classify(int change, bool up) {
 // length raises the key's range error.
 template <class Key>
 Key keyOf(const rt_head* head) {
-  return Key(modelAddr<typename Key::Addr>(&head->rth_dest), head->rth_plen);
+  const sockaddr_un dest = rt_head_dest(head);
+  return Key(modelAddr<typename Key::Addr>(&dest), head->rth_plen);
 }
 
 // A route of the gateway that uses the changed address, as found before anything changes: the

@@ -96,7 +96,8 @@ TEST_F(IfaChange, DownReentersUpRestoresAndOnlyTheModulesRoutesOverTheAddress) {
   EXPECT_EQ(daemonRoutes(10).at("2001:db8:9::/48"), "pref 5 via 2001:db8:1::2 dev et1");
   EXPECT_EQ(gw6->gw_rt_first, rt6);
   EXPECT_EQ(gw6->gw_n_routes, 1u);
-  EXPECT_EQ(ptree_find(gw6->gw_ptree, &rt6->rt_head->rth_dest, rt_head_mask(rt6->rt_head)), rt6);
+  const sockaddr_un dest6 = rt_head_dest(rt6->rt_head);
+  EXPECT_EQ(ptree_find(gw6->gw_ptree, &dest6, rt_head_mask(rt6->rt_head)), rt6);
   EXPECT_EQ(daemonRoutes(8).at("198.19.0.0/16"),
             "pref 20 via 10.0.1.6 dev et1, via 10.0.3.6 dev et1");
   EXPECT_EQ(daemonRoutes(8).at("203.0.113.0/24"), "pref 20 via 10.0.1.2 dev et1");

@@ -24,6 +24,7 @@ void collectLink(if_link* l, void* arg) {
 }
 
 void collectHead(rt_head* h, void* arg) {
+  const sockaddr_un dest = rt_head_dest(h);
   for (rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
     Entry e{rt->rt_preference, {}};
     for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
@@ -32,7 +33,7 @@ void collectHead(rt_head* h, void* arg) {
                       (a ? a->ifa_info.ifi_link->ifl_name : "-"));
     }
     (*static_cast<Routes*>(
-        arg))[{rt->rt_gwp->gw_proto, sockText(&h->rth_dest) + "/" + std::to_string(h->rth_plen)}]
+        arg))[{rt->rt_gwp->gw_proto, sockText(&dest) + "/" + std::to_string(h->rth_plen)}]
         .push_back(e);
   }
 }

@@ -34,8 +34,9 @@ double monotonicNow() {
 bool activeRoute(const rt_head* h, FibSink::Prefix& p, FibSink::Route& r) {
   const rt_entry* rt = rt_head_active(h);
   if (!rt) return false;
+  const sockaddr_un dest = rt_head_dest(h);
   int len = 0;
-  const std::uint8_t* bytes = sockaddr_bytes(&h->rth_dest, &len);
+  const std::uint8_t* bytes = sockaddr_bytes(&dest, &len);
   if (!bytes || (len != 4 && len != 16)) return false;
   p = FibSink::Prefix{static_cast<std::uint8_t>(len == 4 ? AF_INET : AF_INET6), {}, h->rth_plen};
   std::memcpy(p.addr.data(), bytes, len);

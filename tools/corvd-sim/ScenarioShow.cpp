@@ -134,9 +134,10 @@ struct RouteWalk {
 
 void routeHead(rt_head* h, void* arg) {
   auto& r = *static_cast<RouteWalk*>(arg);
-  const bool v6 = isV6(&h->rth_dest);
+  const bool v6 = h->rth_inet6;
   if (!r.o->family.empty() && v6 != (r.o->family == "ipv6")) return;
-  const std::string dst = text(&h->rth_dest) + "/" + std::to_string(h->rth_plen);
+  const sockaddr_un dest = rt_head_dest(h);
+  const std::string dst = text(&dest) + "/" + std::to_string(h->rth_plen);
   if (!r.o->json) r.os << dst << '\n';
   for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
     const unsigned proto = rt->rt_gwp->gw_proto;
@@ -282,7 +283,7 @@ void tallyHead(rt_head* h, void* arg) {
   ++t.prefixes;
   for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
     ++t.entries;
-    ++t.perProto[{isV6(&h->rth_dest), rt->rt_gwp->gw_proto}];
+    ++t.perProto[{h->rth_inet6 != 0, rt->rt_gwp->gw_proto}];
   }
 }
 
