@@ -48,12 +48,16 @@ bool gwAlive(const gw_entry* gwp) {
   return gwp && gwRecords().state(gwp) == RecordArena::State::held && gwp->gw_magic == GW_LIVE;
 }
 
-// The queue's backward links are entries' 32-bit arena references (EntryRef), 0 for none.
+// The queue's links are entries' 32-bit arena references (EntryRef), 0 for none.
 void gwQueueAppend(rt_entry* rt) {
   gw_entry* gw = rt->rt_gwp;
   rt->rt_gw_prev = EntryRef::to(gw->gw_rt_last);
-  rt->rt_gw_next = nullptr;
-  (gw->gw_rt_last ? gw->gw_rt_last->rt_gw_next : gw->gw_rt_first) = rt;
+  rt->rt_gw_next_ref = 0;
+  if (gw->gw_rt_last) {
+    gw->gw_rt_last->rt_gw_next_ref = EntryRef::to(rt);
+  } else {
+    gw->gw_rt_first = rt;
+  }
   gw->gw_rt_last = rt;
   ++gw->gw_n_routes;
 }
@@ -61,13 +65,18 @@ void gwQueueAppend(rt_entry* rt) {
 void gwQueueRemove(rt_entry* rt) {
   gw_entry* gw = rt->rt_gwp;
   rt_entry* prev = EntryRef::from(rt->rt_gw_prev);
-  (prev ? prev->rt_gw_next : gw->gw_rt_first) = rt->rt_gw_next;
-  if (rt->rt_gw_next) {
-    rt->rt_gw_next->rt_gw_prev = rt->rt_gw_prev;
+  rt_entry* next = gwNextOf(rt);
+  if (prev) {
+    prev->rt_gw_next_ref = rt->rt_gw_next_ref;
+  } else {
+    gw->gw_rt_first = next;
+  }
+  if (next) {
+    next->rt_gw_prev = rt->rt_gw_prev;
   } else {
     gw->gw_rt_last = prev;
   }
-  rt->rt_gw_next = nullptr;
+  rt->rt_gw_next_ref = 0;
   rt->rt_gw_prev = 0;
   --gw->gw_n_routes;
 }

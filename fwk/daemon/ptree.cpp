@@ -48,7 +48,7 @@ void ptreeEntryRemoved(rt_entry* rt, rt_head* h) {
   if (!h->rth_inet6 || !tree) return;
   auto* slot = tree->byPrefix.find(headKey6(h));
   if (!slot || slot->value() != rt) return;
-  for (rt_entry* e = h->rth_routes; e; e = e->rt_next) {
+  for (rt_entry* e = h->rth_routes; e; e = nextOf(e)) {
     if (e->rt_gwp == rt->rt_gwp) {
       slot->valueIs(e);
       return;

@@ -155,7 +155,7 @@ void setAdj(rt_entry* rt, int n, sockaddr_un* const* routers, if_addr* const* if
 }
 
 bool duplicate(rt_head* h, const rt_entry* self, gw_entry* gwp, int n, sockaddr_un* const* r) {
-  for (rt_entry* e = h ? h->rth_routes : nullptr; e; e = e->rt_next) {
+  for (rt_entry* e = h ? h->rth_routes : nullptr; e; e = nextOf(e)) {
     if (e != self && e->rt_gwp == gwp && sameGateways(e, n, r)) return true;
   }
   return false;

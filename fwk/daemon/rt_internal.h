@@ -51,6 +51,9 @@ struct EntryRef {
   static Stored to(rt_entry* rt) { return entryArena().refOf(rt); }
   static rt_entry* from(Stored ref) { return static_cast<rt_entry*>(entryArena().at(ref)); }
 };
+// The links of an entry, inside the daemon (rt_entry_next, rt_entry_gw_next for callers).
+inline rt_entry* nextOf(const rt_entry* rt) { return EntryRef::from(rt->rt_next_ref); }
+inline rt_entry* gwNextOf(const rt_entry* rt) { return EntryRef::from(rt->rt_gw_next_ref); }
 // Prefix length of dest/mask, or -1 when they do not form an IPv4/IPv6 prefix.
 int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask);
 // True for a live entry; otherwise counts a misuse naming `fn` ("null entry" / "entry already

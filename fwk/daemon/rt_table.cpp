@@ -152,10 +152,10 @@ void dropHead(rt_head* h) {
 uint32_t nextSeq(rt_head* h) {
   if (!h) return 1;
   uint32_t last = 0;
-  for (rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) last = std::max(last, rt->rt_seq);
+  for (rt_entry* rt = h->rth_routes; rt; rt = nextOf(rt)) last = std::max(last, rt->rt_seq);
   if (last < UINT32_MAX) return last + 1;
   std::vector<rt_entry*> all;
-  for (rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) all.push_back(rt);
+  for (rt_entry* rt = h->rth_routes; rt; rt = nextOf(rt)) all.push_back(rt);
   std::sort(all.begin(), all.end(),
             [](const rt_entry* a, const rt_entry* b) { return a->rt_seq < b->rt_seq; });
   uint32_t n = 0;
@@ -173,19 +173,28 @@ bool before(const rt_entry* a, const rt_entry* b) {
 
 void linkIntoHead(rt_entry* rt) {
   rt_head* h = rt->rt_head;
-  rt_entry** p = &h->rth_routes;
-  while (*p && before(*p, rt)) p = &(*p)->rt_next;
-  rt->rt_next = *p;
-  *p = rt;
+  rt_entry* prev = nullptr;
+  rt_entry* next = h->rth_routes;
+  while (next && before(next, rt)) next = nextOf(prev = next);
+  rt->rt_next_ref = EntryRef::to(next);
+  if (prev) {
+    prev->rt_next_ref = EntryRef::to(rt);
+  } else {
+    h->rth_routes = rt;
+  }
   ++h->rth_n_entries;
 }
 
 void unlinkFromHead(rt_entry* rt) {
   rt_head* h = rt->rt_head;
-  rt_entry** p = &h->rth_routes;
-  while (*p != rt) p = &(*p)->rt_next;
-  *p = rt->rt_next;
-  rt->rt_next = nullptr;
+  if (h->rth_routes == rt) {
+    h->rth_routes = nextOf(rt);
+  } else {
+    rt_entry* prev = h->rth_routes;
+    while (nextOf(prev) != rt) prev = nextOf(prev);
+    prev->rt_next_ref = rt->rt_next_ref;
+  }
+  rt->rt_next_ref = 0;
   --h->rth_n_entries;
 }
 
@@ -385,7 +394,7 @@ rt_entry* rt_locate(uint64_t, const sockaddr_un* dest, const sockaddr_un* mask,
   for (int i = 0; i < bits->rtb_n; ++i) {
     if (bits->rtb_proto[i] == first.proto) return first.entry;
   }
-  for (rt_entry* rt = first.entry->rt_next; rt; rt = rt->rt_next) {
+  for (rt_entry* rt = nextOf(first.entry); rt; rt = nextOf(rt)) {
     for (int i = 0; i < bits->rtb_n; ++i) {
       if (rt->rt_gwp->gw_proto == bits->rtb_proto[i]) return rt;
     }
@@ -423,6 +432,9 @@ int krt_addrcheck(const rt_parms* rtp) {
   static const uint8_t loop[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   return b[0] == 0xFF || (plen == 128 && std::memcmp(b, loop, 16) == 0) ? 0 : 1;
 }
+
+rt_entry* rt_entry_next(const rt_entry* rt) { return nextOf(rt); }
+rt_entry* rt_entry_gw_next(const rt_entry* rt) { return gwNextOf(rt); }
 
 int32_t rt_entry_preference2(const rt_entry* rt) {
   return rt->rt_state & RTS_EXTRA ? t.extras.at(rt).first : 0;

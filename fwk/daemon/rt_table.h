@@ -64,29 +64,35 @@ typedef struct _rt_adjacency {
 
 struct _rt_head;
 
-// 80 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
+// 72 bytes. A gone entry keeps its record (record_arena.h) with rt_head null, which is what tells
 // it from a live one on a page still held. The second preference and the metric, which the
 // daemon only stores, are kept beside the entry when not zero (rt_entry_preference2,
-// rt_entry_metric): a full table's entries all have zero there.
+// rt_entry_metric): a full table's entries all have zero there. The list links are 32-bit
+// references to other entries; rt_entry_next and rt_entry_gw_next follow them.
 typedef struct _rt_entry {
-  struct _rt_entry* rt_next;     // next entry of the prefix in selection order, or null
-  struct _rt_entry* rt_gw_next;  // next entry on the gateway's route queue
-  struct _rt_head* rt_head;      // the prefix; null once the entry is gone
-  gw_entry* rt_gwp;              // owning gateway (protocol)
-  uint64_t rt_state;             // RTS_* bits plus the caller's rtp_state
-  int32_t rt_preference;         // preference; negative = set aside
-  uint32_t rt_tag;               // route tag
-  uint32_t rt_gw_prev;           // daemon bookkeeping (the previous entry on the route queue)
-  uint32_t rt_seq;               // add order among the entries of its prefix
-  rt_adjacency rt_adj;           // gateways
+  struct _rt_head* rt_head;  // the prefix; null once the entry is gone
+  gw_entry* rt_gwp;          // owning gateway (protocol)
+  uint64_t rt_state;         // RTS_* bits plus the caller's rtp_state
+  int32_t rt_preference;     // preference; negative = set aside
+  uint32_t rt_tag;           // route tag
+  uint32_t rt_next_ref;      // daemon bookkeeping (the next entry of the prefix: rt_entry_next)
+  uint32_t rt_gw_next_ref;   // daemon bookkeeping (the next on the route queue: rt_entry_gw_next)
+  uint32_t rt_gw_prev;       // daemon bookkeeping (the previous entry on the route queue)
+  uint32_t rt_seq;           // add order among the entries of its prefix
+  rt_adjacency rt_adj;       // gateways
 } rt_entry;
-static_assert(sizeof(rt_entry) == 80);
+static_assert(sizeof(rt_entry) == 72);
+
+// The next entry of the prefix in selection order, or null.
+rt_entry* rt_entry_next(const rt_entry* rt);
+// The next entry on the gateway's route queue (gw_rt_first, add order), or null.
+rt_entry* rt_entry_gw_next(const rt_entry* rt);
 
 // What rt_add stored of rtp_preference2 and rtp_metric.
 int32_t rt_entry_preference2(const rt_entry* rt);
 uint32_t rt_entry_metric(const rt_entry* rt);
 
-// All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt->rt_next).
+// All entries of a prefix: for (rt_entry* rt = rth->rth_routes; rt; rt = rt_entry_next(rt)).
 // The destination is kept as its masked address words, not as a socket address: rt_head_dest
 // builds one, rt_head_mask gives the shared mask of its length. 16 bytes an IPv4 prefix, 32 an
 // IPv6 one (its further address words follow, in a larger record).

@@ -66,7 +66,7 @@ void entryText(std::ostream& os, const rt_entry* rt) {
 void headText(rt_head* h, void* arg) {
   auto& os = *static_cast<std::ostringstream*>(arg);
   os << headText(h) << '/' << static_cast<int>(h->rth_plen) << '\n';
-  for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) entryText(os, rt);
+  for (const rt_entry* rt = h->rth_routes; rt; rt = rt_entry_next(rt)) entryText(os, rt);
 }
 
 struct JsonSink {
@@ -101,7 +101,7 @@ void headJson(rt_head* h, void* arg) {
   j.sep();
   j.os << "{\"prefix\":" << jsonString(headText(h) + "/" + std::to_string(h->rth_plen))
        << ",\"entries\":[";
-  for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
+  for (const rt_entry* rt = h->rth_routes; rt; rt = rt_entry_next(rt)) {
     j.os << (rt == h->rth_routes ? "" : ",") << "{\"proto\":" << rt->rt_gwp->gw_proto
          << ",\"pref\":" << rt->rt_preference << ",\"tag\":" << rt->rt_tag
          << ",\"active\":" << (rt->rt_state & RTS_ACTIVE ? "true" : "false") << ",\"gateways\":[";

@@ -85,7 +85,7 @@ int revisit(InputSm& sm, if_addr* ifap, IfaChange change) {
   int handled = 0;
   std::vector<Affected> affected;
   if (gw_entry* gw = sm.gwp()) {
-    for (rt_entry* rt = gw->gw_rt_first; rt; rt = rt->rt_gw_next) {
+    for (rt_entry* rt = gw->gw_rt_first; rt; rt = rt_entry_gw_next(rt)) {
       for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
         if (rt->rt_adj.adj_ifaps[j] == ifap) {
           affected.push_back({rt, j});

@@ -130,7 +130,7 @@ TEST_F(InterfaceTable, RoutesThroughDownAddressAreSetAsideAndRestored) {
   EXPECT_EQ(prefAtReport, -10);
   EXPECT_EQ(r1->rt_preference, -10);
   EXPECT_EQ(rt_head_active(r1->rt_head), r2);
-  EXPECT_EQ(r1->rt_head->rth_routes->rt_next, r1);  // set aside entries go last
+  EXPECT_EQ(rt_entry_next(r1->rt_head->rth_routes), r1);  // set aside entries go last
   addLink(1, "eth1", true);
   EXPECT_EQ(r1->rt_preference, 10);
   EXPECT_EQ(rt_head_active(r1->rt_head), r1);

@@ -222,7 +222,7 @@ TEST_F(RouteTableModel, RandomOperationsKeepSelectionAndSetAsideInStepWithModel)
           EXPECT_TRUE(sockaddr_equal(rt->rt_adj.adj_routers[j], hopAddr(e->hops[j], v6(p))));
         }
         EXPECT_EQ(rt->rt_head, h);
-        rt = rt->rt_next;
+        rt = rt_entry_next(rt);
       }
       EXPECT_EQ(rt, nullptr);
       const ModelEntry* first = order.front();
@@ -283,7 +283,7 @@ TEST_F(RouteTableModel, AddOrderNumberedAgainWhenItRunsOutKeepsTies) {
   };
   auto order = [](const rt_entry* rt) {
     std::vector<const rt_entry*> out;
-    for (const rt_entry* e = rt->rt_head->rth_routes; e; e = e->rt_next) out.push_back(e);
+    for (const rt_entry* e = rt->rt_head->rth_routes; e; e = rt_entry_next(e)) out.push_back(e);
     return out;
   };
   rt_entry* a = add(0, 9);

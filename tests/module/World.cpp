@@ -25,7 +25,7 @@ void collectLink(if_link* l, void* arg) {
 
 void collectHead(rt_head* h, void* arg) {
   const sockaddr_un dest = rt_head_dest(h);
-  for (rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
+  for (rt_entry* rt = h->rth_routes; rt; rt = rt_entry_next(rt)) {
     Entry e{rt->rt_preference, {}};
     for (int j = 0; j < rt->rt_adj.adj_n_gw; ++j) {
       const if_addr* a = rt->rt_adj.adj_ifaps[j];

@@ -139,7 +139,7 @@ void routeHead(rt_head* h, void* arg) {
   const sockaddr_un dest = rt_head_dest(h);
   const std::string dst = text(&dest) + "/" + std::to_string(h->rth_plen);
   if (!r.o->json) r.os << dst << '\n';
-  for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
+  for (const rt_entry* rt = h->rth_routes; rt; rt = rt_entry_next(rt)) {
     const unsigned proto = rt->rt_gwp->gw_proto;
     const std::string input = inputNames(*r.world, proto, v6);
     const bool selected = rt->rt_state & RTS_ACTIVE;
@@ -281,7 +281,7 @@ struct Tally {
 void tallyHead(rt_head* h, void* arg) {
   auto& t = *static_cast<Tally*>(arg);
   ++t.prefixes;
-  for (const rt_entry* rt = h->rth_routes; rt; rt = rt->rt_next) {
+  for (const rt_entry* rt = h->rth_routes; rt; rt = rt_entry_next(rt)) {
     ++t.entries;
     ++t.perProto[{h->rth_inet6 != 0, rt->rt_gwp->gw_proto}];
   }
