@@ -31,6 +31,7 @@
 // no larger than the value; otherwise KeyOf is ignored and the node keeps the key.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -42,6 +43,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "fwk/framework/PageHint.h"
 #include "fwk/framework/Prefetch.h"
 
 namespace Kel {
@@ -471,7 +473,11 @@ class HashMap {
     return *spill_;
   }
   void rehash(std::size_t cap) {
-    std::unique_ptr<std::uint64_t[]> old = std::make_unique<std::uint64_t[]>(cap);  // zeroed
+    // A large index is read at random, one slot per key: huge pages where it has whole ones
+    // (asked for before the slots are first written, which is when the pages are made).
+    std::unique_ptr<std::uint64_t[]> old(new std::uint64_t[cap]);
+    hugePagesHint(old.get(), cap * sizeof(std::uint64_t));
+    std::fill_n(old.get(), cap, std::uint64_t{0});
     old.swap(spill().slots);
     const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
     if (oldCount == 0) {  // leaving small: index the nodes on the order list
