@@ -103,6 +103,7 @@ void mirror(benchmark::State& state) {
     const double mirrorWall = wallSeconds() - w0;
     const double mirrorCpu = cpuSeconds() - c0;
     const long long moduleDaemonBytes = processBytes() - beforeMirror;
+    const long long resident = BenchSupport::residentBytes();
     if (rt_entry_count() != static_cast<std::size_t>(n)) state.SkipWithError("not all mirrored");
     // The module's own share: the route input reactor's adapters and its backlogs (drained by
     // now). The rest of the growth is the daemon's.
@@ -144,6 +145,9 @@ void mirror(benchmark::State& state) {
         std::max({queued, mirrorLongest, withdrawQueued, withdrawLongest}) * 1e3;
     state.counters["whole_B_per_route"] =
         static_cast<double>(modelBytes + moduleDaemonBytes) / static_cast<double>(n);
+    // Resident bytes of the whole process per route, as the peer daemon's anchor reports them;
+    // meaningful for the first size a program runs (run one size per program, by filter).
+    state.counters["rss_B_per_route"] = static_cast<double>(resident) / static_cast<double>(n);
     state.counters["module_daemon_B_per_route"] =
         static_cast<double>(moduleDaemonBytes) / static_cast<double>(n);
     state.counters["model_B_per_route"] = static_cast<double>(modelBytes) / static_cast<double>(n);
