@@ -4,6 +4,7 @@
 // loop on the real clock that times every pass.
 #pragma once
 
+#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,21 +23,40 @@ namespace BenchSupport {
 inline std::atomic<long long> liveBytes{0};
 }  // namespace BenchSupport
 
-// Live heap bytes of the process: every allocation carries its size in a small header.
-void* operator new(std::size_t n) {
+// Live heap bytes of the process: every allocation carries its size in a small header. The
+// operators stay out of line: inlined into their callers, the compiler's bounds checks would
+// see the header's offset as an access outside the caller's block.
+[[gnu::noinline]] void* operator new(std::size_t n) {
   auto* p = static_cast<std::size_t*>(std::malloc(n + 16));
   if (!p) throw std::bad_alloc();
   *p = n;
   BenchSupport::liveBytes.fetch_add(static_cast<long long>(n), std::memory_order_relaxed);
   return reinterpret_cast<char*>(p) + 16;
 }
-void operator delete(void* q) noexcept {
+[[gnu::noinline]] void operator delete(void* q) noexcept {
   if (!q) return;
   auto* p = reinterpret_cast<std::size_t*>(static_cast<char*>(q) - 16);
   BenchSupport::liveBytes.fetch_sub(static_cast<long long>(*p), std::memory_order_relaxed);
   std::free(p);
 }
-void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
+[[gnu::noinline]] void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
+// Aligned blocks (the framework's pool slabs) are counted by the size the allocator gives them.
+[[gnu::noinline]] void* operator new(std::size_t n, std::align_val_t a) {
+  void* p = std::aligned_alloc(static_cast<std::size_t>(a), n);
+  if (!p) throw std::bad_alloc();
+  BenchSupport::liveBytes.fetch_add(static_cast<long long>(malloc_usable_size(p)),
+                                    std::memory_order_relaxed);
+  return p;
+}
+[[gnu::noinline]] void operator delete(void* q, std::align_val_t) noexcept {
+  if (!q) return;
+  BenchSupport::liveBytes.fetch_sub(static_cast<long long>(malloc_usable_size(q)),
+                                    std::memory_order_relaxed);
+  std::free(q);
+}
+[[gnu::noinline]] void operator delete(void* q, std::size_t, std::align_val_t a) noexcept {
+  operator delete(q, a);
+}
 
 namespace BenchSupport {
 

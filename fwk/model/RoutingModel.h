@@ -14,6 +14,7 @@
 
 #include "fwk/framework/Attributes.h"
 #include "fwk/framework/Dir.h"
+#include "fwk/framework/Pool.h"
 #include "fwk/model/KanetIntfId.h"
 #include "fwk/model/KanetIpAddr.h"
 #include "fwk/model/RouteKey.h"
@@ -57,6 +58,8 @@ class RouteT : public Kel::Entity {
 
   explicit RouteT(const Key& k) : Kel::Entity(kNamedByKey) { kelInputsIs(k); }
   KEL_NAMED_BY_KEY
+  // A state database holds routes by the million: each in a pool block of its own size.
+  KEL_POOLED(RouteT)
 };
 
 template <class KeyT, class AddrT>
@@ -106,7 +109,8 @@ using RouteInput = RoutingModel::RouteInputT<RouteKey, Kanet::IpAddr>;
 using Config = RoutingModel::ConfigT<RouteKey>;
 }  // namespace Routing
 
-// A state database holds a million routes: an IPv4 route with its next hop map is 96 bytes.
+// A state database holds a million routes: an IPv4 route with its next hop map is 96 bytes, a
+// pool block of that size.
 static_assert(sizeof(Routing::Route) == 96);
 
 namespace Routing6 {

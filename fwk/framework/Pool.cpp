@@ -1,0 +1,103 @@
+#include "fwk/framework/Pool.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace Kel {
+
+// A slab's header, at its start; its blocks follow.
+struct PoolBase::Slab {
+  Slab* prev = nullptr;  // on the list of slabs with room
+  Slab* next = nullptr;
+  void* free = nullptr;      // given-back blocks, each holding the next
+  std::uint32_t carved = 0;  // blocks handed out from the untouched part so far
+  std::uint32_t live = 0;
+  bool listed = false;
+};
+
+namespace {
+constexpr std::align_val_t kSlabAlign{PoolBase::kSlabBytes};
+}  // namespace
+
+PoolBase::PoolBase(std::size_t blockBytes, std::size_t align) : blockBytes_(blockBytes) {
+  if (blockBytes_ < sizeof(void*) || blockBytes_ > kSlabBytes / 4 || align > 16 ||
+      blockBytes_ % align != 0) {
+    std::fprintf(stderr, "Kel::Pool: block of %zu bytes not pooled\n", blockBytes_);
+    std::abort();
+  }
+  firstBlock_ = (sizeof(Slab) + align - 1) / align * align;
+  perSlab_ = (kSlabBytes - firstBlock_) / blockBytes_;
+}
+
+PoolBase::~PoolBase() {
+  if (spare_) ::operator delete(static_cast<void*>(spare_), kSlabAlign);
+}
+
+PoolBase::Slab* PoolBase::makeSlab() {
+  void* raw = ::operator new(kSlabBytes, kSlabAlign);
+  ++slabs_;
+  return new (raw) Slab();
+}
+
+void PoolBase::list(Slab* s) {
+  s->prev = nullptr;
+  s->next = room_;
+  if (room_) room_->prev = s;
+  room_ = s;
+  s->listed = true;
+}
+
+void PoolBase::unlist(Slab* s) {
+  (s->prev ? s->prev->next : room_) = s->next;
+  if (s->next) s->next->prev = s->prev;
+  s->prev = s->next = nullptr;
+  s->listed = false;
+}
+
+void* PoolBase::take() {
+  if (!room_) {
+    Slab* s = spare_ ? spare_ : makeSlab();
+    spare_ = nullptr;
+    list(s);
+  }
+  Slab* s = room_;
+  void* block;
+  if (s->free) {
+    block = s->free;
+    s->free = *static_cast<void**>(block);
+  } else {
+    auto* first = reinterpret_cast<unsigned char*>(s) + firstBlock_;
+    block = first + s->carved * blockBytes_;
+    ++s->carved;
+  }
+  ++s->live;
+  ++live_;
+  if (!s->free && s->carved == perSlab_) unlist(s);
+  return block;
+}
+
+void PoolBase::give(void* block) {
+  if (!block) return;
+  auto* s = reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(block) &
+                                    ~(std::uintptr_t{kSlabBytes} - 1));
+  *static_cast<void**>(block) = s->free;
+  s->free = block;
+  --s->live;
+  --live_;
+  if (s->live != 0) {
+    if (!s->listed) list(s);
+    return;
+  }
+  // Empty: kept as the spare, or back to the heap.
+  if (s->listed) unlist(s);
+  if (!spare_) {
+    *s = Slab();
+    spare_ = s;
+    return;
+  }
+  s->~Slab();
+  ::operator delete(static_cast<void*>(s), kSlabAlign);
+  --slabs_;
+}
+
+}  // namespace Kel
