@@ -4,7 +4,6 @@
 // loop on the real clock that times every pass.
 #pragma once
 
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,24 +39,6 @@ inline std::atomic<long long> liveBytes{0};
   std::free(p);
 }
 [[gnu::noinline]] void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
-// Aligned blocks (the framework's pool slabs) are counted by the size the allocator gives them.
-[[gnu::noinline]] void* operator new(std::size_t n, std::align_val_t a) {
-  void* p = std::aligned_alloc(static_cast<std::size_t>(a), n);
-  if (!p) throw std::bad_alloc();
-  BenchSupport::liveBytes.fetch_add(static_cast<long long>(malloc_usable_size(p)),
-                                    std::memory_order_relaxed);
-  return p;
-}
-[[gnu::noinline]] void operator delete(void* q, std::align_val_t) noexcept {
-  if (!q) return;
-  BenchSupport::liveBytes.fetch_sub(static_cast<long long>(malloc_usable_size(q)),
-                                    std::memory_order_relaxed);
-  std::free(q);
-}
-[[gnu::noinline]] void operator delete(void* q, std::size_t, std::align_val_t a) noexcept {
-  operator delete(q, a);
-}
-
 namespace BenchSupport {
 
 // What the process holds: live heap bytes plus the daemon's record pages, which live outside

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 
 namespace Kel {
 
@@ -15,10 +16,6 @@ struct PoolBase::Slab {
   bool listed = false;
 };
 
-namespace {
-constexpr std::align_val_t kSlabAlign{PoolBase::kSlabBytes};
-}  // namespace
-
 PoolBase::PoolBase(std::size_t blockBytes, std::size_t align) : blockBytes_(blockBytes) {
   if (blockBytes_ < sizeof(void*) || blockBytes_ > kSlabBytes / 4 || align > 16 ||
       blockBytes_ % align != 0) {
@@ -30,13 +27,33 @@ PoolBase::PoolBase(std::size_t blockBytes, std::size_t align) : blockBytes_(bloc
 }
 
 PoolBase::~PoolBase() {
-  if (spare_) ::operator delete(static_cast<void*>(spare_), kSlabAlign);
+  if (spare_) dropSlab(spare_);
 }
 
+// A slab's place in the map is the 64 KB window its first byte falls in: no two slabs start in
+// the same window, and a block lies in the window its slab starts in or in the next one.
 PoolBase::Slab* PoolBase::makeSlab() {
-  void* raw = ::operator new(kSlabBytes, kSlabAlign);
+  void* raw = ::operator new(kSlabBytes);
+  auto* s = new (raw) Slab();
+  slabAt_.emplace(reinterpret_cast<std::uintptr_t>(raw) / kSlabBytes, s);
   ++slabs_;
-  return new (raw) Slab();
+  return s;
+}
+
+void PoolBase::dropSlab(Slab* s) {
+  slabAt_.erase(reinterpret_cast<std::uintptr_t>(s) / kSlabBytes);
+  s->~Slab();
+  ::operator delete(static_cast<void*>(s));
+  --slabs_;
+}
+
+PoolBase::Slab* PoolBase::slabOf(const void* block) const {
+  const auto at = reinterpret_cast<std::uintptr_t>(block);
+  auto it = slabAt_.find(at / kSlabBytes);
+  if (it == slabAt_.end() || reinterpret_cast<std::uintptr_t>(it->second) > at) {
+    it = slabAt_.find(at / kSlabBytes - 1);
+  }
+  return it->second;
 }
 
 void PoolBase::list(Slab* s) {
@@ -78,8 +95,7 @@ void* PoolBase::take() {
 
 void PoolBase::give(void* block) {
   if (!block) return;
-  auto* s = reinterpret_cast<Slab*>(reinterpret_cast<std::uintptr_t>(block) &
-                                    ~(std::uintptr_t{kSlabBytes} - 1));
+  Slab* s = slabOf(block);
   *static_cast<void**>(block) = s->free;
   s->free = block;
   --s->live;
@@ -95,9 +111,7 @@ void PoolBase::give(void* block) {
     spare_ = s;
     return;
   }
-  s->~Slab();
-  ::operator delete(static_cast<void*>(s), kSlabAlign);
-  --slabs_;
+  dropSlab(s);
 }
 
 }  // namespace Kel

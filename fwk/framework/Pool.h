@@ -4,8 +4,9 @@
 // bytes, rounded up to the type's alignment.
 //
 // A type takes its storage from the pool with KEL_POOLED(Type) in its class body (class-specific
-// operator new and delete). A slab is found from a block's address (slabs are aligned to their
-// size), keeps its own free list, and goes back to the heap as soon as its last block is freed,
+// operator new and delete). A slab is found from a block's address (a map from the 64 KB window
+// the slab starts in: slabs come from the heap as they are, with no alignment to pay for), keeps
+// its own free list, and goes back to the heap as soon as its last block is freed,
 // except one empty slab kept for the next block, so a table withdrawn gives its memory back and
 // a collection that grows and shrinks by one does not make and free a slab each time. Blocks are
 // taken from the slab with room that was made last, so a table built in one go fills slabs in
@@ -15,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
+#include <unordered_map>
 
 namespace Kel {
 
@@ -39,6 +41,8 @@ class PoolBase {
  private:
   struct Slab;
   Slab* makeSlab();
+  void dropSlab(Slab* s);
+  Slab* slabOf(const void* block) const;
   void unlist(Slab* s);
   void list(Slab* s);
 
@@ -49,6 +53,7 @@ class PoolBase {
   Slab* spare_ = nullptr;  // an empty slab kept for the next block
   std::size_t live_ = 0;
   std::size_t slabs_ = 0;
+  std::unordered_map<std::uintptr_t, Slab*> slabAt_;  // by the window each starts in
 };
 
 // One pool per block size and alignment, for the whole process; never destroyed (objects may
