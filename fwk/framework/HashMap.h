@@ -627,8 +627,7 @@ class HashMap {
   // Every route of the state database holds a map for its next hops: the first node inside,
   // the rest behind one pointer (Spill), and 32-bit counts (node indexes are 32-bit anyway). The
   // two small counts go in what the first node leaves of its last word (a route's next hop, a
-  // 16-byte key and a bool, leaves seven bytes), so such a map is 56 bytes and a route fits a
-  // 112-byte heap block.
+  // 16-byte key and a bool, leaves seven bytes), so such a map is 56 bytes and a route 96.
   [[no_unique_address]] mutable Node first_;
   // 16 bits: a walk alive on one collection 65,535 times over is a fault.
   mutable std::uint16_t iterators_ = 0;
