@@ -39,6 +39,7 @@ inline std::atomic<long long> liveBytes{0};
   std::free(p);
 }
 [[gnu::noinline]] void operator delete(void* q, std::size_t) noexcept { operator delete(q); }
+
 namespace BenchSupport {
 
 // What the process holds: live heap bytes plus the daemon's record pages, which live outside

@@ -6,14 +6,14 @@
 
 namespace Kel {
 
-// A slab's header, at its start; its blocks follow.
+// A slab's header, at its start; its blocks follow. A slab is on the list of slabs with room
+// exactly while it has a free block (the spare, empty, is kept apart).
 struct PoolBase::Slab {
   Slab* prev = nullptr;  // on the list of slabs with room
   Slab* next = nullptr;
   void* free = nullptr;      // given-back blocks, each holding the next
   std::uint32_t carved = 0;  // blocks handed out from the untouched part so far
   std::uint32_t live = 0;
-  bool listed = false;
 };
 
 PoolBase::PoolBase(std::size_t blockBytes, std::size_t align) : blockBytes_(blockBytes) {
@@ -61,14 +61,12 @@ void PoolBase::list(Slab* s) {
   s->next = room_;
   if (room_) room_->prev = s;
   room_ = s;
-  s->listed = true;
 }
 
 void PoolBase::unlist(Slab* s) {
   (s->prev ? s->prev->next : room_) = s->next;
   if (s->next) s->next->prev = s->prev;
   s->prev = s->next = nullptr;
-  s->listed = false;
 }
 
 void* PoolBase::take() {
@@ -96,16 +94,18 @@ void* PoolBase::take() {
 void PoolBase::give(void* block) {
   if (!block) return;
   Slab* s = slabOf(block);
+  const bool wasFull = !s->free && s->carved == perSlab_;
   *static_cast<void**>(block) = s->free;
   s->free = block;
   --s->live;
   --live_;
   if (s->live != 0) {
-    if (!s->listed) list(s);
+    if (wasFull) list(s);
     return;
   }
-  // Empty: kept as the spare, or back to the heap.
-  if (s->listed) unlist(s);
+  // Empty: it had room (a slab holds at least four blocks), so it is listed. It is kept as the
+  // spare, or goes back to the heap.
+  unlist(s);
   if (!spare_) {
     *s = Slab();
     spare_ = s;

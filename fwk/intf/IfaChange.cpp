@@ -44,8 +44,8 @@ IfaChange classify(int change, bool up) {
   }
 }
 
-// The key of a daemon route: its destination and prefix length. A destination with bits beyond that
-// length raises the key's range error.
+// The key of a daemon route: its destination and prefix length. A destination with bits beyond
+// that length raises the key's range error.
 template <class Key>
 Key keyOf(const rt_head* head) {
   const sockaddr_un dest = rt_head_dest(head);

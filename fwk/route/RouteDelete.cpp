@@ -28,8 +28,8 @@ void RouteBacklogSmT<Traits>::doDeleteRoute(const Key& key) {
   const auto proto = routeInput()->routingProto();
   rt_entry* next = nullptr;
   for (rt_entry* rt = rth->rth_routes; rt; rt = next) {
-    next =
-        rt_entry_next(rt);  // taken first: rt_delete unlinks rt (and drops the head with the last)
+    // Taken first: rt_delete unlinks rt (and drops the head with the last).
+    next = rt_entry_next(rt);
     if (rt->rt_gwp->gw_proto != proto) continue;
     if (route) {
       const rt_adjacency& adj = rt->rt_adj;
