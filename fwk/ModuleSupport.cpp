@@ -11,11 +11,6 @@ Kel::TraceHandle* _defaultTraceHandle() {
   return handle;
 }
 
-bool traceActive(int level) {
-  static const Kel::TraceHandle* const handle = _defaultTraceHandle();
-  return handle->active(level);
-}
-
 void traceEmit(int level, const std::string& object, const std::string& message, int line,
                const char* function) {
   _defaultTraceHandle()->emit(level, object, message, kTraceFileName, line, function);

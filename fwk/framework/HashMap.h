@@ -352,12 +352,26 @@ class HashMap {
   }
   // The key of the live member `n` places after the first in order (0: the first), or null
   // when there are not that many; walks n + 1 members.
-  const K* peek(std::size_t n) const {
-    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      if (node(i).live && n-- == 0) return &keyOf(node(i));
+  const K* peek(std::size_t n) const { return at(peekAt(n)); }
+
+  // A place in the order for a loop that takes the first member out each step and wants hints
+  // for the one `n` places on (a drain): step() returns the key peek(n) would, moving one member
+  // on from where the last call stood instead of walking n from the front. It keeps no iterator
+  // (erased members are still forgotten at once) and is safe whatever the collection went
+  // through between calls: when its member is gone it walks from the front again; when that
+  // member's node was reused meanwhile it may name another key, which only a hint may accept.
+  class Scout {
+   public:
+    explicit Scout(std::size_t n) : n_(n) {}
+    const K* step(const HashMap& m) {
+      at_ = m.scoutNext(at_, n_);
+      return m.at(at_);
     }
-    return nullptr;
-  }
+
+   private:
+    std::size_t n_;
+    std::uint32_t at_ = kNil;
+  };
 
  private:
   static std::uint32_t mix(const K& k) {
@@ -370,8 +384,28 @@ class HashMap {
   // Block b holds 2^b nodes, indexes [2^b - 1, 2^(b+1) - 1): a million members take twenty
   // blocks. Block 0, one node, is inside the map: a collection of one member (a route's one next
   // hop) allocates nothing.
-  static unsigned blockOf(std::uint32_t i) { return std::bit_width(i + 1u) - 1; }
-  Node& node(std::uint32_t i) const {
+  // (i + 1 is never 0, as i < kNil: the bare bit scan, without bit_width's test for 0.)
+  static unsigned blockOf(std::uint32_t i) {
+    return 31u - static_cast<unsigned>(__builtin_clz(i + 1u));
+  }
+  std::uint32_t peekAt(std::size_t n) const {
+    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+      if (node(i).live && n-- == 0) return i;
+    }
+    return kNil;
+  }
+  const K* at(std::uint32_t i) const { return i == kNil ? nullptr : &keyOf(node(i)); }
+  // The live member after node i when i is a live node of the current storage; otherwise the
+  // member n places after the first.
+  std::uint32_t scoutNext(std::uint32_t i, std::size_t n) const {
+    const std::uint32_t made = blocks_ == 0 ? 0 : (std::uint32_t{1} << blocks_) - 1;
+    if (i >= made || !node(i).live) return peekAt(n);
+    for (i = node(i).next; i != kNil && !node(i).live;) i = node(i).next;
+    return i;
+  }
+  // Inlined everywhere: a few instructions that a walk or an erasure runs several times a key,
+  // which the compiler would otherwise call out of line.
+  [[gnu::always_inline]] Node& node(std::uint32_t i) const {
     if (i == 0) return first_;
     const unsigned b = blockOf(i);
     return spill_->more()[b - 1][i + 1u - (1u << b)];

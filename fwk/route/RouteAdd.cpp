@@ -5,7 +5,11 @@
 // (refusals, unresolved next hops, the daemon's answer) at level 0.
 // Socket addresses built here are copied into local storage at once: the daemon's temporaries
 // are recycled after a few builds, and a route may have many vias.
+#include <algorithm>
+#include <cassert>
+#include <cstddef>
 #include <cstring>
+#include <memory>
 
 #include "fwk/DaemonAddr.h"
 #include "fwk/ModuleSupport.h"
@@ -18,6 +22,62 @@ namespace {
 constexpr uint64_t kGatewayedState = 0x2010;
 // Bits 21 and 22 of the state's low word are cleared before the rib's flags are or-ed in.
 constexpr uint64_t kStateKeepMask = 0xff9fffff;
+
+// The blocks rt_add takes, about 2 KB, are zero except for what one call fills in: the header
+// and the first few gateway places. Instead of clearing them for every route, one pair is kept
+// zero between calls; a call fills in its fields and, however it leaves, zeroes again the header
+// and the places it said it wrote (touch). A call made while the pair is in use (none is today:
+// the daemon calls nothing back) gets a pair of its own, cleared in full.
+struct AddBlocks {
+  rt_parms parms{};
+  if_addr* ifaps[RT_N_MULTIPATH]{};
+};
+
+class ZeroedAddBlocks {
+ public:
+  ZeroedAddBlocks() {
+    if (inUse()) {
+      own_ = std::make_unique<AddBlocks>();
+      blocks_ = own_.get();
+      return;
+    }
+    blocks_ = &kept();
+    inUse() = true;
+    assert(isZero());
+  }
+  ~ZeroedAddBlocks() {
+    if (own_) return;
+    std::memset(&blocks_->parms, 0, offsetof(rt_parms, rtp_routers));
+    std::fill_n(blocks_->parms.rtp_routers, touched_, nullptr);
+    std::fill_n(blocks_->ifaps, touched_, nullptr);
+    inUse() = false;
+  }
+  ZeroedAddBlocks(const ZeroedAddBlocks&) = delete;
+  ZeroedAddBlocks& operator=(const ZeroedAddBlocks&) = delete;
+
+  rt_parms& parms() { return blocks_->parms; }
+  if_addr** ifaps() { return blocks_->ifaps; }
+  // Gateway place j (of rtp_routers and ifaps) may be written.
+  void touch(int j) { touched_ = std::max(touched_, j + 1); }
+
+ private:
+  static AddBlocks& kept() {
+    static AddBlocks blocks;
+    return blocks;
+  }
+  static bool& inUse() {
+    static bool used = false;
+    return used;
+  }
+  bool isZero() const {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(blocks_);
+    return std::all_of(bytes, bytes + sizeof(AddBlocks), [](unsigned char b) { return b == 0; });
+  }
+
+  std::unique_ptr<AddBlocks> own_;
+  AddBlocks* blocks_;
+  int touched_ = 0;
+};
 }  // namespace
 
 template <class Traits>
@@ -27,8 +87,8 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
   // The steps, each of whose returns still passes through the END trace below.
   [&]() {
     IRI_TRACE(8, "RouteKey " << key);
-    if_addr* ifaps[RT_N_MULTIPATH];
-    std::memset(ifaps, 0, sizeof ifaps);
+    ZeroedAddBlocks blocks;
+    if_addr** ifaps = blocks.ifaps();
     const int plen = key.prefix().length();
     if (plen == 0) {
       IRI_TRACE(0, "Subnet length cannot be zero");
@@ -45,8 +105,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     }
     const auto prefix = key.prefix();
 
-    rt_parms rtparms;
-    std::memset(&rtparms, 0, sizeof rtparms);
+    rt_parms& rtparms = blocks.parms();
     rtparms.rtp_preference = routeInput()->preference();
     rtparms.rtp_gwp = gwp();
     rtparms.rtp_state &= kStateKeepMask;
@@ -72,6 +131,7 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     int j = 0;
     for (auto [via, present] : route->viaCollection()) {
       if (j == RT_N_MULTIPATH) break;  // the daemon takes at most this many gateways
+      blocks.touch(j);
       std::uint32_t ifIndex = 0;
       if (!via.intfId.empty()) {
         const auto status = kernelIntfStatusDir()->intfStatusAndDeviceName(via.intfId);

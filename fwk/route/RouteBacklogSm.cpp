@@ -2,6 +2,7 @@
 #include "fwk/route/RouteBacklogSm.h"
 
 #include <cstdlib>
+#include <type_traits>
 
 #include "fwk/ModuleSupport.h"
 #include "fwk/framework/Prefetch.h"
@@ -55,19 +56,20 @@ void RouteBacklogSmT<Traits>::doAddBacklog(const Key& key) {
 
 // The drain waits mostly on dependent cache misses per key: the backlog's index slot (to take
 // the key out), the route collection's slot, its node, and the route itself. The keys to come are
-// the backlog's next members in order, so it asks for them ahead: slots kFar keys ahead, the
-// route's node kNear keys ahead (its slot fetched meanwhile), the route kClose keys ahead. These
-// are hints only: what the drain reads and does is the same.
+// the backlog's next members in order, so it asks for them ahead: slots 12 keys ahead, the
+// route's node 6 keys ahead (its slot fetched meanwhile), the route 2 keys ahead. These
+// are hints only: what the drain reads and does is the same. Each scout moves one member a key,
+// as the drain takes the first member out each time.
 template <class Traits>
 template <class Keys, class Routes>
-void RouteBacklogSmT<Traits>::prefetchAhead(const Keys& keys, const Routes& routes) {
-  constexpr std::size_t kFar = 12, kNear = 6, kClose = 2;
-  if (const Key* far = keys.peek(kFar)) {
+void RouteBacklogSmT<Traits>::prefetchAhead(const Keys& keys, const Routes& routes,
+                                            Scouts<Keys>& scouts) {
+  if (const Key* far = scouts.far.step(keys)) {
     keys.prefetchSlot(*far);
     routes.prefetchSlot(*far);
   }
-  if (const Key* near = keys.peek(kNear)) routes.prefetchNode(*near);
-  if (const Key* close = keys.peek(kClose)) {
+  if (const Key* near = scouts.near.step(keys)) routes.prefetchNode(*near);
+  if (const Key* close = scouts.close.step(keys)) {
     const auto* route = routes.prefetchNode(*close);
     if (route && route->ptr()) Kel::prefetch(route->ptr());
   }
@@ -84,9 +86,10 @@ void RouteBacklogSmT<Traits>::handleBacklog() {
   // needs no iterator (and the collection forgets each key at once instead of at the end).
   const auto& keys = backlog.backlogCollection();
   const auto& routes = routeInput()->routeCollection();
+  Scouts<std::remove_cvref_t<decltype(keys)>> scouts;
   while (backlog.backlogCount() != 0) {
     const Key key = backlog.backlogIterator().key();
-    prefetchAhead(keys, routes);
+    prefetchAhead(keys, routes, scouts);
     backlog.backlogDel(key);
     if (!std::getenv(kTestEnvironment)) {
       rt_open(fwk_task);

@@ -111,8 +111,13 @@ class RouteBacklogSmT : public Kel::Reactor {
   double backlogClockTimeMin() const { return kelBacklogClock_.timeMin(); }
 
  private:
+  // Where the drain's hints stand in the backlog: 12, 6 and 2 keys ahead of the first.
+  template <class Keys>
+  struct Scouts {
+    typename Keys::Scout far{12}, near{6}, close{2};
+  };
   template <class Keys, class Routes>
-  void prefetchAhead(const Keys& keys, const Routes& routes);
+  void prefetchAhead(const Keys& keys, const Routes& routes, Scouts<Keys>& scouts);
   KelBacklogClock kelBacklogClock_{this};
   KelRouteBacklog kelRouteBacklog_{this};
 };

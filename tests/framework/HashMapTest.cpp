@@ -56,7 +56,13 @@ void matchesReference(unsigned seed, unsigned keys, int steps) {
   Reference ref;
   std::vector<int> pool(keys);  // random keys: their index slots differ from seed to seed
   for (int& key : pool) key = static_cast<int>(rng());
+  typename Kel::HashMap<int, int, Hash>::Scout scout(2);
   for (int step = 0; step < steps; ++step) {
+    // Whatever happened since its last step (growth, purges, the storage let go), a scout reads
+    // only live storage and names a member or nothing.
+    if (const int* named = scout.step(m)) {
+      ASSERT_TRUE(m.find(*named));
+    }
     const int k = pool[rng() % keys];
     const unsigned op = rng() % 4;
     const bool shrinking = step / 500 % 2 == 1;
@@ -140,6 +146,32 @@ TEST(HashMap, WalkThatErasesAsItGoesVisitsEveryMemberOnce) {
   ASSERT_TRUE(m.find(13));
   EXPECT_EQ(*m.find(13), -13);
   EXPECT_FALSE(m.find(500));
+}
+
+// A drain takes the first member out each step; its scout names what peek(5) would, also after
+// members join at the back, after the scout's own member is erased, and after the collection is
+// emptied (its storage let go) and filled again.
+TEST(HashMap, ScoutOfADrainNamesWhatPeekWould) {
+  Kel::HashMap<int, int> m;
+  for (int i = 0; i < 100; ++i) m.insert(i, i);
+  Kel::HashMap<int, int>::Scout scout(5);
+  int next = 1000;
+  for (int step = 0; !m.empty(); ++step) {
+    const int* got = scout.step(m);
+    const int* want = m.peek(5);
+    ASSERT_EQ(got != nullptr, want != nullptr) << "step " << step;
+    if (got) {
+      ASSERT_EQ(*got, *want) << "step " << step;
+    }
+    if (step == 40 && got) m.erase(*got);
+    if (step == 60) {
+      m.clear();
+      for (int i = 0; i < 30; ++i) m.insert(next++, 0);
+      continue;
+    }
+    if (step % 3 == 0 && step < 90) m.insert(next++, 0);
+    m.erase(*m.peek(0));
+  }
 }
 
 TEST(HashMap, ResumeAtErasedKeyStartsAtItsSuccessor) {
