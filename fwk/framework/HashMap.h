@@ -16,11 +16,12 @@
 // Layout, chosen for collections of a million members (a routing table's keys): members live in
 // pooled nodes that never move (blocks doubling in size, recycled through a free list), linked in
 // order by 32-bit indexes; the index is one flat open-addressing table (linear probing, at most
-// 3/4 full) of 64-bit slots holding 32 bits of the key's hash and the node's index, so a lookup
-// touches one slot run and, on a hash match, one node. No allocation per member; the first node
-// is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no index:
-// a lookup walks its few nodes, comparing keys. The index is built when the collection outgrows
-// that, and goes when it is emptied.
+// 3/4 full, counting the slots of removed members that stay marked inside a probe run until the
+// index is made again) of 64-bit slots holding 32 bits of the key's hash and the node's index, so
+// a lookup touches one slot run and, on a hash match, one node. No allocation per member; the first
+// node is inside the map. A collection of up to kSmall nodes (a route's next hops, say) has no
+// index: a lookup walks its few nodes, comparing keys. The index is built when the collection
+// outgrows that, and goes when it is emptied.
 //
 // A value type that cannot move (a notifiee, registered with its notifier by address) lives in
 // its node: emplace() builds it there, erase() destroys it there, and it never moves until then.
@@ -52,6 +53,10 @@ template <class K, class V, class H = std::hash<K>, class KeyOf = void>
 class HashMap {
   static constexpr std::uint32_t kNil = 0x7fffffffu;  // no node: at most kNil - 1 members
   static constexpr std::size_t kSmall = 8;
+  // An index slot whose member was removed from the middle of a probe run: probes go on past it,
+  // and an insertion may take it. (A member's slot holds its node index plus one in the low word,
+  // never all ones, as node indexes are below kNil.)
+  static constexpr std::uint64_t kGone = ~std::uint64_t{0};
 
   // Values that cannot be moved are built in place; such a value exists exactly while its node
   // is live.
@@ -96,7 +101,8 @@ class HashMap {
   struct Spill {
     std::unique_ptr<std::uint64_t[]> slots;
     std::uint32_t slotCount =
-        0;  // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
+        0;                   // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
+    std::uint32_t gone = 0;  // slots marked kGone
     std::uint32_t moreCount = 0;
     Node** more() { return reinterpret_cast<Node**>(this + 1); }
 
@@ -112,6 +118,7 @@ class HashMap {
       if (from) {
         sp->slots = std::move(from->slots);
         sp->slotCount = std::exchange(from->slotCount, 0);
+        sp->gone = std::exchange(from->gone, 0);
         from->moreCount = 0;
       }
       return sp;
@@ -345,7 +352,7 @@ class HashMap {
     if (unindexed()) return nullptr;
     const std::uint32_t h = mix(k);
     const std::uint64_t s = spill_->slots[home(h)];
-    if (s == 0 || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
+    if (s == 0 || s == kGone || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
     const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
     prefetch(n);
     return n->cell.at();
@@ -446,9 +453,13 @@ class HashMap {
     const std::uint32_t h = mix(k);
     std::uint32_t i = lookup(k, h);
     if (i != kNil) return {i, false};
-    if (unindexed() ? indexed() + 1 > kSmall
-                    : (std::size_t{indexed()} + 1) * 4 > std::size_t{slotCount()} * 3) {
-      rehash(grown(slotCount()));
+    if (unindexed()) {
+      if (indexed() + 1 > kSmall) rehash(grown(0));
+    } else if ((std::size_t{indexed()} + spill_->gone + 1) * 4 > std::size_t{slotCount()} * 3) {
+      // Full of members, or of marks: at most half full of members, the index is made again at
+      // its size (dropping the marks), otherwise larger.
+      const bool roomy = (std::size_t{indexed()} + 1) * 2 <= slotCount();
+      rehash(roomy ? slotCount() : grown(slotCount()));
     }
     i = allocate();
     keyIs(node(i), k);
@@ -490,16 +501,19 @@ class HashMap {
     for (std::size_t p = home(h);; p = nextSlot(p)) {
       const std::uint64_t s = slots[p];
       if (s == 0) return kNil;
-      if (static_cast<std::uint32_t>(s >> 32) == h) {
+      if (static_cast<std::uint32_t>(s >> 32) == h && s != kGone) {
         const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
         if (keyOf(node(i)) == k) return i;
       }
     }
   }
+  // Puts node i (hash h, a key the index does not hold) in the first empty or marked slot of
+  // its run.
   void place(std::uint32_t h, std::uint32_t i) {
     std::uint64_t* slots = spill_->slots.get();
     std::size_t p = home(h);
-    while (slots[p] != 0) p = nextSlot(p);
+    while (slots[p] != 0 && slots[p] != kGone) p = nextSlot(p);
+    if (slots[p] == kGone) --spill_->gone;
     slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
   }
   Spill& spill() {
@@ -514,32 +528,28 @@ class HashMap {
     std::fill_n(old.get(), cap, std::uint64_t{0});
     old.swap(spill().slots);
     const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
+    spill_->gone = 0;
     if (oldCount == 0) {  // leaving small: index the nodes on the order list
       for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(keyOf(node(i))), i);
       return;
     }
     for (std::size_t j = 0; j < oldCount; ++j) {
       const std::uint64_t s = old[j];
-      if (s != 0) place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
+      if (s != 0 && s != kGone) {
+        place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
+      }
     }
   }
-  // Removes node i's slot, shifting the run after it back so no probe chain breaks.
+  // Removes node i's slot by marking it, so that no probe run breaks. Moving the rest of the run
+  // back instead, or emptying the slot when the run ends there, costs reads past the slot and
+  // unpredictable branches: a quarter of a withdraw-all's time per key. The marks go when the
+  // index is made again (locate counts them) or let go.
   void unplace(std::uint32_t i, std::uint32_t h) {
     std::uint64_t* slots = spill_->slots.get();
     std::size_t p = home(h);
     while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = nextSlot(p);
-    for (std::size_t q = nextSlot(p);; q = nextSlot(q)) {
-      const std::uint64_t s = slots[q];
-      if (s == 0) break;
-      const std::size_t at = home(static_cast<std::uint32_t>(s >> 32));
-      // s may move to p when its home is not in the cyclic range (p, q].
-      const bool inRange = p <= q ? (at > p && at <= q) : (at > p || at <= q);
-      if (!inRange) {
-        slots[p] = s;
-        p = q;
-      }
-    }
-    slots[p] = 0;
+    slots[p] = kGone;
+    ++spill_->gone;
   }
 
   std::uint32_t allocate() {
