@@ -17,9 +17,7 @@ inline sockaddr_un* daemonSock(const Kanet::IpAddr& a) {
 }
 
 inline sockaddr_un* daemonSock(const Kanet::Ip6Addr& a) {
-  uint8_t bytes[16];
-  for (int i = 0; i < 16; ++i) bytes[i] = a.u8(i);
-  return sockbuild_in6(0, bytes);
+  return sockbuild_in6(0, a.bytes().data());
 }
 
 // The model's address held by a daemon socket address of its family: the inverse of daemonSock.
@@ -32,9 +30,7 @@ Addr modelAddr(const sockaddr_un* s) {
                          static_cast<std::uint32_t>(bytes[1]) << 16 |
                          static_cast<std::uint32_t>(bytes[2]) << 8 | bytes[3]);
   } else {
-    Kanet::Ip6Addr addr;
-    for (int i = 0; i < 16; ++i) addr.u8Is(i, bytes[i]);
-    return addr;
+    return Kanet::Ip6Addr::fromBytes(bytes);
   }
 }
 

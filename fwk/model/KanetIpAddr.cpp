@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstring>
 
 namespace Kanet {
 
@@ -219,12 +220,13 @@ void Ip6Addr::u8Is(int i, std::uint8_t v) {
 }
 
 std::size_t Ip6Addr::hash() const {
+  // The two halves as the machine holds them: a hash needs no byte order, and two loads are a
+  // tenth of the instructions of sixteen shifts (an IPv6 route's key is hashed several times a
+  // change).
   std::uint64_t hi = 0;
   std::uint64_t lo = 0;
-  for (int i = 0; i < 8; ++i) {
-    hi = hi << 8 | b_[i];
-    lo = lo << 8 | b_[i + 8];
-  }
+  std::memcpy(&hi, b_.data(), sizeof hi);
+  std::memcpy(&lo, b_.data() + sizeof hi, sizeof lo);
   return mix64(hi ^ mix64(lo));
 }
 
