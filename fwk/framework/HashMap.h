@@ -449,24 +449,7 @@ class HashMap {
   }
 
   // The node of k, made (and linked at the back, not yet live) when the index has none.
-  std::pair<std::uint32_t, bool> locate(const K& k) {
-    const std::uint32_t h = mix(k);
-    std::uint32_t i = lookup(k, h);
-    if (i != kNil) return {i, false};
-    if (unindexed()) {
-      if (indexed() + 1 > kSmall) rehash(grown(0));
-    } else if ((std::size_t{indexed()} + spill_->gone + 1) * 4 > std::size_t{slotCount()} * 3) {
-      // Full of members, or of marks: at most half full of members, the index is made again at
-      // its size (dropping the marks), otherwise larger.
-      const bool roomy = (std::size_t{indexed()} + 1) * 2 <= slotCount();
-      rehash(roomy ? slotCount() : grown(slotCount()));
-    }
-    i = allocate();
-    keyIs(node(i), k);
-    if (!unindexed()) place(h, i);
-    link(i);
-    return {i, true};
-  }
+  std::pair<std::uint32_t, bool> locate(const K& k);
   // Makes a located node live; true when it was not (fresh, or a tombstone back in its place).
   bool revive(Node& n, bool fresh) {
     if (n.live) return false;
@@ -490,67 +473,21 @@ class HashMap {
   }
   std::size_t nextSlot(std::size_t p) const { return p + 1 == spill_->slotCount ? 0 : p + 1; }
   bool unindexed() const { return slotCount() == 0; }
-  std::uint32_t lookup(const K& k, std::uint32_t h) const {
-    if (unindexed()) {  // small: every node of the index is on the order list
-      for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-        if (keyOf(node(i)) == k) return i;
-      }
-      return kNil;
-    }
-    const std::uint64_t* slots = spill_->slots.get();
-    for (std::size_t p = home(h);; p = nextSlot(p)) {
-      const std::uint64_t s = slots[p];
-      if (s == 0) return kNil;
-      if (static_cast<std::uint32_t>(s >> 32) == h && s != kGone) {
-        const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
-        if (keyOf(node(i)) == k) return i;
-      }
-    }
-  }
+  std::uint32_t lookup(const K& k, std::uint32_t h) const;
   // Puts node i (hash h, a key the index does not hold) in the first empty or marked slot of
   // its run.
-  void place(std::uint32_t h, std::uint32_t i) {
-    std::uint64_t* slots = spill_->slots.get();
-    std::size_t p = home(h);
-    while (slots[p] != 0 && slots[p] != kGone) p = nextSlot(p);
-    if (slots[p] == kGone) --spill_->gone;
-    slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
-  }
+  void place(std::uint32_t h, std::uint32_t i);
   Spill& spill() {
     if (!spill_) spill_.reset(Spill::make(0, nullptr));
     return *spill_;
   }
-  void rehash(std::size_t cap) {
-    // A large index is read at random, one slot per key: huge pages where it has whole ones
-    // (asked for before the slots are first written, which is when the pages are made).
-    std::unique_ptr<std::uint64_t[]> old(new std::uint64_t[cap]);
-    hugePagesHint(old.get(), cap * sizeof(std::uint64_t));
-    std::fill_n(old.get(), cap, std::uint64_t{0});
-    old.swap(spill().slots);
-    const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
-    spill_->gone = 0;
-    if (oldCount == 0) {  // leaving small: index the nodes on the order list
-      for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(keyOf(node(i))), i);
-      return;
-    }
-    for (std::size_t j = 0; j < oldCount; ++j) {
-      const std::uint64_t s = old[j];
-      if (s != 0 && s != kGone) {
-        place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
-      }
-    }
-  }
+  // Makes the index again with `cap` slots, dropping the marks.
+  void rehash(std::size_t cap);
   // Removes node i's slot by marking it, so that no probe run breaks. Moving the rest of the run
   // back instead, or emptying the slot when the run ends there, costs reads past the slot and
   // unpredictable branches: a quarter of a withdraw-all's time per key. The marks go when the
   // index is made again (locate counts them) or let go.
-  void unplace(std::uint32_t i, std::uint32_t h) {
-    std::uint64_t* slots = spill_->slots.get();
-    std::size_t p = home(h);
-    while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = nextSlot(p);
-    slots[p] = kGone;
-    ++spill_->gone;
-  }
+  void unplace(std::uint32_t i, std::uint32_t h);
 
   std::uint32_t allocate() {
     if (free_ == kNil) {
@@ -685,3 +622,6 @@ class HashMap {
 };
 
 }  // namespace Kel
+
+// The index's lookups, insertions, removals and rebuilds.
+#include "fwk/framework/HashMapIndex.h"

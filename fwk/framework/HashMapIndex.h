@@ -1,0 +1,92 @@
+// Kel::HashMap's index (see HashMap.h, which includes this file at its end): the open-addressing
+// table of 64-bit slots (32 bits of a key's hash, its node's index plus one; 0 empty, kGone a
+// removed member's mark) that a collection of more than kSmall nodes keeps beside its order list.
+// Lookups probe from the hash's home slot to the first empty slot, past marks; insertions take
+// the first empty or marked slot of the run; removals mark; the table is made again, larger or at
+// its size, when members and marks fill 3/4 of it.
+#pragma once
+
+#include "fwk/framework/HashMap.h"
+
+namespace Kel {
+
+template <class K, class V, class H, class KeyOf>
+inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k) {
+  const std::uint32_t h = mix(k);
+  std::uint32_t i = lookup(k, h);
+  if (i != kNil) return {i, false};
+  if (unindexed()) {
+    if (indexed() + 1 > kSmall) rehash(grown(0));
+  } else if ((std::size_t{indexed()} + spill_->gone + 1) * 4 > std::size_t{slotCount()} * 3) {
+    // Full of members, or of marks: at most half full of members, the index is made again at
+    // its size (dropping the marks), otherwise larger.
+    const bool roomy = (std::size_t{indexed()} + 1) * 2 <= slotCount();
+    rehash(roomy ? slotCount() : grown(slotCount()));
+  }
+  i = allocate();
+  keyIs(node(i), k);
+  if (!unindexed()) place(h, i);
+  link(i);
+  return {i, true};
+}
+
+template <class K, class V, class H, class KeyOf>
+inline std::uint32_t HashMap<K, V, H, KeyOf>::lookup(const K& k, std::uint32_t h) const {
+  if (unindexed()) {  // small: every node of the index is on the order list
+    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+      if (keyOf(node(i)) == k) return i;
+    }
+    return kNil;
+  }
+  const std::uint64_t* slots = spill_->slots.get();
+  for (std::size_t p = home(h);; p = nextSlot(p)) {
+    const std::uint64_t s = slots[p];
+    if (s == 0) return kNil;
+    if (static_cast<std::uint32_t>(s >> 32) == h && s != kGone) {
+      const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
+      if (keyOf(node(i)) == k) return i;
+    }
+  }
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::place(std::uint32_t h, std::uint32_t i) {
+  std::uint64_t* slots = spill_->slots.get();
+  std::size_t p = home(h);
+  while (slots[p] != 0 && slots[p] != kGone) p = nextSlot(p);
+  if (slots[p] == kGone) --spill_->gone;
+  slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::rehash(std::size_t cap) {
+  // A large index is read at random, one slot per key: huge pages where it has whole ones
+  // (asked for before the slots are first written, which is when the pages are made).
+  std::unique_ptr<std::uint64_t[]> old(new std::uint64_t[cap]);
+  hugePagesHint(old.get(), cap * sizeof(std::uint64_t));
+  std::fill_n(old.get(), cap, std::uint64_t{0});
+  old.swap(spill().slots);
+  const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
+  spill_->gone = 0;
+  if (oldCount == 0) {  // leaving small: index the nodes on the order list
+    for (std::uint32_t i = head_; i != kNil; i = node(i).next) place(mix(keyOf(node(i))), i);
+    return;
+  }
+  for (std::size_t j = 0; j < oldCount; ++j) {
+    const std::uint64_t s = old[j];
+    if (s != 0 && s != kGone) {
+      place(static_cast<std::uint32_t>(s >> 32), static_cast<std::uint32_t>(s) - 1);
+    }
+  }
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::unplace(std::uint32_t i, std::uint32_t h) {
+  std::uint64_t* slots = spill_->slots.get();
+  std::size_t p = home(h);
+  while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = nextSlot(p);
+  slots[p] = kGone;
+  ++spill_->gone;
+}
+
+}  // namespace Kel
