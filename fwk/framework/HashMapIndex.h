@@ -18,9 +18,11 @@ inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k
   if (unindexed()) {
     if (indexed() + 1 > kSmall) rehash(grown(0));
   } else if ((std::size_t{indexed()} + spill_->gone + 1) * 4 > std::size_t{slotCount()} * 3) {
-    // Full of members, or of marks: at most half full of members, the index is made again at
-    // its size (dropping the marks), otherwise larger.
-    const bool roomy = (std::size_t{indexed()} + 1) * 2 <= slotCount();
+    // Full of members and marks: when marks are at least a sixteenth of the slots, the index is
+    // made again at its size (dropping them, so at least that many insertions pass before the
+    // next time), otherwise larger. A collection whose members come and go at random thus keeps
+    // the index it would have without marks.
+    const bool roomy = std::size_t{spill_->gone} * 16 >= slotCount();
     rehash(roomy ? slotCount() : grown(slotCount()));
   }
   i = allocate();

@@ -209,6 +209,32 @@ TEST(HashMap, KeyHashingLikeAMarkIsStillFound) {
   }
 }
 
+// Members erased at random stay tombstones until they outnumber the live ones, and then leave
+// marks in the index; neither may make the collection larger than one holding every live member
+// and tombstone at once (the marks are dropped by making the index again at its size).
+TEST(HashMap, RandomChurnNeedsNoMoreThanItsMembersAndTombstones) {
+  Kel::HashMap<int, int> full;
+  for (int i = 0; i < 2000; ++i) full.insert(i, i);
+  Kel::HashMap<int, int> m;
+  std::mt19937 rng(3);
+  std::vector<int> keys;
+  for (int i = 0; i < 1000; ++i) {
+    keys.push_back(static_cast<int>(rng()));
+    m.insert(keys.back(), i);
+  }
+  std::size_t most = 0;
+  for (int j = 0; j < 200000; ++j) {
+    const std::size_t at = rng() % keys.size();
+    m.erase(keys[at]);
+    keys[at] = static_cast<int>(rng());
+    m.insert(keys[at], j);
+    most = std::max(most, m.heapBytes());
+  }
+  EXPECT_EQ(m.size(), 1000u);
+  EXPECT_LE(most, full.heapBytes());
+  for (int k : keys) ASSERT_TRUE(m.find(k));
+}
+
 TEST(HashMap, ResumeAtErasedKeyStartsAtItsSuccessor) {
   Kel::HashMap<int, int> m;
   for (int i = 0; i < 10; ++i) m.insert(i, i);
