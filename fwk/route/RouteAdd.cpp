@@ -9,7 +9,6 @@
 #include <cassert>
 #include <cstddef>
 #include <cstring>
-#include <memory>
 
 #include "fwk/DaemonAddr.h"
 #include "fwk/ModuleSupport.h"
@@ -25,9 +24,10 @@ constexpr uint64_t kStateKeepMask = 0xff9fffff;
 
 // The blocks rt_add takes, about 2 KB, are zero except for what one call fills in: the header
 // and the first few gateway places. Instead of clearing them for every route, one pair is kept
-// zero between calls; a call fills in its fields and, however it leaves, zeroes again the header
-// and the places it said it wrote (touch). A call made while the pair is in use (none is today:
-// the daemon calls nothing back) gets a pair of its own, cleared in full.
+// zero between calls. A call writes a gateway place (of rtp_routers and ifaps) with anything but
+// null only together with rtp_n_gw covering it, so on any way out the header and the places
+// below rtp_n_gw are all there is to zero again. doAddRoute is never re-entered (the daemon calls
+// nothing back); debug builds check the pair is zero when lent.
 struct AddBlocks {
   rt_parms parms{};
   if_addr* ifaps[RT_N_MULTIPATH]{};
@@ -35,48 +35,30 @@ struct AddBlocks {
 
 class ZeroedAddBlocks {
  public:
-  ZeroedAddBlocks() {
-    if (inUse()) {
-      own_ = std::make_unique<AddBlocks>();
-      blocks_ = own_.get();
-      return;
-    }
-    blocks_ = &kept();
-    inUse() = true;
-    assert(isZero());
-  }
+  ZeroedAddBlocks() : blocks_(kept()) { assert(isZero()); }
   ~ZeroedAddBlocks() {
-    if (own_) return;
-    std::memset(&blocks_->parms, 0, offsetof(rt_parms, rtp_routers));
-    std::fill_n(blocks_->parms.rtp_routers, touched_, nullptr);
-    std::fill_n(blocks_->ifaps, touched_, nullptr);
-    inUse() = false;
+    const int written = blocks_.parms.rtp_n_gw;
+    std::fill_n(blocks_.parms.rtp_routers, written, nullptr);
+    std::fill_n(blocks_.ifaps, written, nullptr);
+    std::memset(&blocks_.parms, 0, offsetof(rt_parms, rtp_routers));
   }
   ZeroedAddBlocks(const ZeroedAddBlocks&) = delete;
   ZeroedAddBlocks& operator=(const ZeroedAddBlocks&) = delete;
 
-  rt_parms& parms() { return blocks_->parms; }
-  if_addr** ifaps() { return blocks_->ifaps; }
-  // Gateway place j (of rtp_routers and ifaps) may be written.
-  void touch(int j) { touched_ = std::max(touched_, j + 1); }
+  rt_parms& parms() { return blocks_.parms; }
+  if_addr** ifaps() { return blocks_.ifaps; }
 
  private:
   static AddBlocks& kept() {
     static AddBlocks blocks;
     return blocks;
   }
-  static bool& inUse() {
-    static bool used = false;
-    return used;
-  }
   bool isZero() const {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(blocks_);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&blocks_);
     return std::all_of(bytes, bytes + sizeof(AddBlocks), [](unsigned char b) { return b == 0; });
   }
 
-  std::unique_ptr<AddBlocks> own_;
-  AddBlocks* blocks_;
-  int touched_ = 0;
+  AddBlocks& blocks_;
 };
 }  // namespace
 
@@ -131,7 +113,6 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
     int j = 0;
     for (auto [via, present] : route->viaCollection()) {
       if (j == RT_N_MULTIPATH) break;  // the daemon takes at most this many gateways
-      blocks.touch(j);
       std::uint32_t ifIndex = 0;
       if (!via.intfId.empty()) {
         const auto status = kernelIntfStatusDir()->intfStatusAndDeviceName(via.intfId);
