@@ -381,8 +381,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     return c;                                                    \
   }                                                              \
   void name##Del(const Key& k) {                                 \
-    ::Kel::Ptr<Type> old = name(k);                              \
-    if (!name##_.erase(k)) return;                               \
+    ::Kel::Ptr<Type> old;                                        \
+    if (!name##_.erase(k, old)) return;                          \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });              \
   }
 
@@ -398,8 +398,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     return c;                                                         \
   }                                                                   \
   void name##Del(const Key& k) {                                      \
-    ::Kel::Ptr<Type> old = name(k);                                   \
-    if (!name##_.erase(k)) return;                                    \
+    ::Kel::Ptr<Type> old;                                             \
+    if (!name##_.erase(k, old)) return;                               \
     ::Kel::memberOf(*old, static_cast<decltype(this)>(nullptr));      \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
   }

@@ -93,27 +93,38 @@ class HashMap {
     V& value() { return cell.get(); }
   };
   // What only a larger collection needs (further node blocks, the index), behind one pointer.
-  // In one allocation: the index, then the pointers to the node blocks after the first (block b
-  // at more()[b - 1]), exactly as many as there are; it is made again each time a block is added
+  // In one allocation: the index, then where the node blocks after the first are (block b at
+  // more()[b - 1]), exactly as many as there are; it is made again each time a block is added
   // (about twenty times for a million members), so finding a node costs no more loads than a
-  // separate array of block pointers would.
+  // separate array of block pointers would. A block is held biased: as the address its node 0
+  // would have if the block began with the collection's node 0, so node i is at that address plus
+  // i nodes, without taking the block's first index off (a node is found tens of times a key).
   struct Spill {
     std::unique_ptr<std::uint64_t[]> slots;
     std::uint32_t slotCount =
         0;                   // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
     std::uint32_t gone = 0;  // slots marked kGone
     std::uint32_t moreCount = 0;
-    Node** more() { return reinterpret_cast<Node**>(this + 1); }
+    std::uintptr_t* more() { return reinterpret_cast<std::uintptr_t*>(this + 1); }
+    // Block b (first index 2^b - 1) as held, and back; a missing block is held as 0.
+    static std::uintptr_t biased(Node* block, unsigned b) {
+      return reinterpret_cast<std::uintptr_t>(block) -
+             ((std::uintptr_t{1} << b) - 1) * sizeof(Node);
+    }
+    static Node* unbiased(std::uintptr_t held, unsigned b) {
+      return held == 0
+                 ? nullptr
+                 : reinterpret_cast<Node*>(held + ((std::uintptr_t{1} << b) - 1) * sizeof(Node));
+    }
 
     // A spill with room for `count` block pointers: those of `from` (which gives them up, and its
     // index with them; null: none), then null ones.
     static Spill* make(std::uint32_t count, Spill* from) {
       const std::uint32_t keep = from ? from->moreCount : 0;
-      void* raw = ::operator new(sizeof(Spill) + count * sizeof(Node*));
+      void* raw = ::operator new(sizeof(Spill) + count * sizeof(std::uintptr_t));
       Spill* sp = ::new (raw) Spill;
       sp->moreCount = count;
-      for (std::uint32_t j = 0; j < count; ++j)
-        sp->more()[j] = j < keep ? from->more()[j] : nullptr;
+      for (std::uint32_t j = 0; j < count; ++j) sp->more()[j] = j < keep ? from->more()[j] : 0;
       if (from) {
         sp->slots = std::move(from->slots);
         sp->slotCount = std::exchange(from->slotCount, 0);
@@ -122,9 +133,34 @@ class HashMap {
       }
       return sp;
     }
+    // Block b: its 2^b nodes (the first has index base), threaded onto the free list lowest first.
+    // Its pages are hinted for huge ones before a node is written: the large blocks of a
+    // million-member collection are otherwise made one 4 KB fault at a time, inside the call
+    // that adds the member needing them (a third of the faults of a new route input's scan).
+    static Node* makeBlock(unsigned b, std::uint32_t base, std::uint32_t& free) {
+      static_assert(std::is_nothrow_default_constructible_v<Node>);
+      static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+      const std::uint32_t count = 1u << b;
+      void* raw = ::operator new(count * sizeof(Node));
+      hugePagesHint(raw, count * sizeof(Node));
+      Node* block = static_cast<Node*>(raw);
+      for (std::uint32_t j = count; j-- > 0;) {
+        ::new (static_cast<void*>(block + j)) Node;
+        block[j].next = free;
+        free = base + j;
+      }
+      return block;
+    }
+    static void dropBlock(Node* block, unsigned b) {
+      if (!block) return;
+      std::destroy_n(block, std::size_t{1} << b);
+      ::operator delete(static_cast<void*>(block));
+    }
     struct Deleter {
       void operator()(Spill* sp) const {
-        for (std::uint32_t j = 0; j < sp->moreCount; ++j) delete[] sp->more()[j];
+        for (std::uint32_t j = 0; j < sp->moreCount; ++j) {
+          dropBlock(unbiased(sp->more()[j], j + 1), j + 1);
+        }
         sp->~Spill();
         ::operator delete(sp);
       }
@@ -227,20 +263,35 @@ class HashMap {
   bool erase(const K& key) {
     const KeyArg k = key;
     const std::uint32_t h = mix(k);
-    const std::uint32_t i = lookup(k, h);
+    const auto [i, slot] = probe(k, h);
     if (i == kNil || !node(i).live) return false;
     Node& n = node(i);
     if constexpr (kInPlace) {
       bury(n, k);
-      settleErased(i, h);
+      settleErased(i, h, slot);
     } else {
       n.live = false;
       --live_;
       ++dead_;
       [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
       n.value() = V{};
-      settleErased(i, h);
+      settleErased(i, h, slot);
     }
+    return true;
+  }
+  // As erase, and the value moves to `out` (one walk where find and erase take two).
+  bool erase(const K& key, V& out) requires(!kInPlace) {
+    const KeyArg k = key;
+    const std::uint32_t h = mix(k);
+    const auto [i, slot] = probe(k, h);
+    if (i == kNil || !node(i).live) return false;
+    Node& n = node(i);
+    n.live = false;
+    --live_;
+    ++dead_;
+    out = std::move(n.value());
+    n.value() = V{};
+    settleErased(i, h, slot);
     return true;
   }
 
@@ -414,7 +465,7 @@ class HashMap {
   [[gnu::always_inline]] Node& node(std::uint32_t i) const {
     if (i == 0) return first_;
     const unsigned b = blockOf(i);
-    return spill_->more()[b - 1][i + 1u - (1u << b)];
+    return *reinterpret_cast<Node*>(spill_->more()[b - 1] + std::uintptr_t{i} * sizeof(Node));
   }
 
   // A key argument as held during an erasure or a replacement: when the value gives the key, a
@@ -473,9 +524,19 @@ class HashMap {
   std::size_t nextSlot(std::size_t p) const { return p + 1 == spill_->slotCount ? 0 : p + 1; }
   bool unindexed() const { return slotCount() == 0; }
   std::uint32_t lookup(const K& k, std::uint32_t h) const;
+  // What one walk of k's run finds: k's node and its slot, or kNil and the slot an insertion of
+  // k would take (the run's first mark, else its end). While unindexed, only the node counts.
+  struct Probe {
+    std::uint32_t node;
+    std::size_t slot;
+  };
+  static constexpr std::size_t kNoSlot = ~std::size_t{0};
+  Probe probe(const K& k, std::uint32_t h) const;
   // Puts node i (hash h, a key the index does not hold) in the first empty or marked slot of
   // its run.
   void place(std::uint32_t h, std::uint32_t i);
+  // Puts node i (hash h) in slot p, which a probe for its key just returned.
+  void placeAt(std::size_t p, std::uint32_t h, std::uint32_t i);
   Spill& spill() {
     if (!spill_) spill_.reset(Spill::make(0, nullptr));
     return *spill_;
@@ -486,23 +547,28 @@ class HashMap {
   // back instead, or emptying the slot when the run ends there, costs reads past the slot and
   // unpredictable branches: a quarter of a withdraw-all's time per key. The marks go when the
   // index is made again (locate counts them) or let go.
-  void unplace(std::uint32_t i, std::uint32_t h);
+  // `at` is where a probe found i (kNoSlot: unknown); checked, so a stale one costs a walk only.
+  void unplace(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot);
 
   std::uint32_t allocate() {
     if (free_ == kNil) {
       const std::uint32_t b = blocks_;
-      const std::uint32_t base = (1u << b) - 1u;
-      const std::uint32_t count = 1u << b;
-      if (b > 0) {  // the array of block pointers is sized exactly; it grows about twenty times
-        std::unique_ptr<Node[]> block(new Node[count]);
-        spill_.reset(Spill::make(b, spill_.get()));
-        spill_->more()[b - 1] = block.release();
+      if (b == 0) {
+        first_.next = free_;
+        free_ = 0;
+      } else {  // the array of block pointers is sized exactly; it grows about twenty times
+        std::uint32_t free = free_;
+        Node* block = Spill::makeBlock(b, (1u << b) - 1u, free);
+        try {
+          spill_.reset(Spill::make(b, spill_.get()));
+        } catch (...) {
+          Spill::dropBlock(block, b);
+          throw;
+        }
+        spill_->more()[b - 1] = Spill::biased(block, b);
+        free_ = free;
       }
       ++blocks_;
-      for (std::uint32_t j = count; j-- > 0;) {
-        node(base + j).next = free_;
-        free_ = base + j;
-      }
     }
     const std::uint32_t i = free_;
     free_ = node(i).next;
@@ -542,9 +608,9 @@ class HashMap {
   // to the free list.
   void forget(std::uint32_t i) { forget(i, mix(keyOf(node(i)))); }
   // As forget, with the key's hash already at hand.
-  void forget(std::uint32_t i, std::uint32_t h) {
+  void forget(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot) {
     unlink(i);
-    if (!unindexed()) unplace(i, h);
+    if (!unindexed()) unplace(i, h, at);
     Node& n = node(i);
     if constexpr (kKeyed) n.key = K{};
     n.next = free_;
@@ -582,9 +648,9 @@ class HashMap {
   }
   // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
   // without hashing its key again (a drain or a withdraw-all erases from the front).
-  void settleErased(std::uint32_t i, std::uint32_t h) {
+  void settleErased(std::uint32_t i, std::uint32_t h, std::size_t at) {
     if (iterators_ == 0 && i == head_) {
-      forget(i, h);
+      forget(i, h, at);
       --dead_;
     }
     settle();

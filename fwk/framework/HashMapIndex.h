@@ -13,8 +13,9 @@ namespace Kel {
 template <class K, class V, class H, class KeyOf>
 inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k) {
   const std::uint32_t h = mix(k);
-  std::uint32_t i = lookup(k, h);
-  if (i != kNil) return {i, false};
+  const Probe found = probe(k, h);
+  if (found.node != kNil) return {found.node, false};
+  bool placeFound = !unindexed();
   if (unindexed()) {
     if (indexed() + 1 > kSmall) rehash(grown(0));
   } else if ((std::size_t{indexed()} + spill_->gone + 1) * 4 > std::size_t{slotCount()} * 3) {
@@ -24,10 +25,15 @@ inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k
     // the index it would have without marks.
     const bool roomy = std::size_t{spill_->gone} * 16 >= slotCount();
     rehash(roomy ? slotCount() : grown(slotCount()));
+    placeFound = false;
   }
-  i = allocate();
+  const std::uint32_t i = allocate();
   keyIs(node(i), k);
-  if (!unindexed()) place(h, i);
+  if (placeFound) {
+    placeAt(found.slot, h, i);
+  } else if (!unindexed()) {
+    place(h, i);
+  }
   link(i);
   return {i, true};
 }
@@ -52,10 +58,33 @@ inline std::uint32_t HashMap<K, V, H, KeyOf>::lookup(const K& k, std::uint32_t h
 }
 
 template <class K, class V, class H, class KeyOf>
+inline auto HashMap<K, V, H, KeyOf>::probe(const K& k, std::uint32_t h) const -> Probe {
+  if (unindexed()) return {lookup(k, h), 0};
+  const std::uint64_t* slots = spill_->slots.get();
+  std::size_t marked = kNoSlot;
+  for (std::size_t p = home(h);; p = nextSlot(p)) {
+    const std::uint64_t s = slots[p];
+    if (s == 0) return {kNil, marked == kNoSlot ? p : marked};
+    if (s == kGone) {
+      if (marked == kNoSlot) marked = p;
+    } else if (static_cast<std::uint32_t>(s >> 32) == h) {
+      const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
+      if (keyOf(node(i)) == k) return {i, p};
+    }
+  }
+}
+
+template <class K, class V, class H, class KeyOf>
 inline void HashMap<K, V, H, KeyOf>::place(std::uint32_t h, std::uint32_t i) {
   std::uint64_t* slots = spill_->slots.get();
   std::size_t p = home(h);
   while (slots[p] != 0 && slots[p] != kGone) p = nextSlot(p);
+  placeAt(p, h, i);
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::placeAt(std::size_t p, std::uint32_t h, std::uint32_t i) {
+  std::uint64_t* slots = spill_->slots.get();
   if (slots[p] == kGone) --spill_->gone;
   slots[p] = (static_cast<std::uint64_t>(h) << 32) | (static_cast<std::uint64_t>(i) + 1);
 }
@@ -83,9 +112,10 @@ inline void HashMap<K, V, H, KeyOf>::rehash(std::size_t cap) {
 }
 
 template <class K, class V, class H, class KeyOf>
-inline void HashMap<K, V, H, KeyOf>::unplace(std::uint32_t i, std::uint32_t h) {
+inline void HashMap<K, V, H, KeyOf>::unplace(std::uint32_t i, std::uint32_t h, std::size_t at) {
   std::uint64_t* slots = spill_->slots.get();
-  std::size_t p = home(h);
+  std::size_t p =
+      at < spill_->slotCount && static_cast<std::uint32_t>(slots[at]) - 1 == i ? at : home(h);
   while (static_cast<std::uint32_t>(slots[p]) - 1 != i) p = nextSlot(p);
   slots[p] = kGone;
   ++spill_->gone;

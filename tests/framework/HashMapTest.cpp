@@ -320,4 +320,33 @@ TEST(HashMap, ValuesThatCannotMoveAreBuiltAndDestroyedInTheirNodes) {
   EXPECT_EQ(Pinned::live, 0) << "the map's end destroys its values";
 }
 
+// A value whose end adds members to its own map: erasing it makes the index again inside the
+// erasure, so the slot where the erasure found the key may name another member by then.
+struct Grower {
+  Kel::HashMap<int, Grower>* map;
+  int from, adds;
+  Grower(Kel::HashMap<int, Grower>* m, int f, int n) : map(m), from(f), adds(n) {}
+  Grower(const Grower&) = delete;
+  Grower& operator=(const Grower&) = delete;
+  ~Grower() {
+    for (int k = from; k < from + adds; ++k) map->emplace(k, map, 0, 0);
+  }
+};
+
+TEST(HashMap, AnErasureWhoseValueGrowsTheMapRemovesOnlyItsKey) {
+  Kel::HashMap<int, Grower> m;
+  constexpr int kGrowers = 16, kAdds = 60;
+  for (int g = 0; g < kGrowers; ++g) m.emplace(g, &m, 1000 + g * kAdds, kAdds);
+  for (int g = 0; g < kGrowers; ++g) {
+    ASSERT_TRUE(m.erase(g));  // the front member: its node goes with its slot at once
+    ASSERT_FALSE(m.find(g));
+    for (int k = g + 1; k < kGrowers; ++k) ASSERT_TRUE(m.find(k)) << g << " " << k;
+    for (int k = 1000; k < 1000 + (g + 1) * kAdds; ++k) ASSERT_TRUE(m.find(k)) << g << " " << k;
+  }
+  for (int k = 5000; k < 5100; ++k) m.emplace(k, &m, 0, 0);  // reuses the erased nodes
+  EXPECT_EQ(m.size(), std::size_t{kGrowers * kAdds + 100});
+  for (int k = 1000; k < 1000 + kGrowers * kAdds; ++k) EXPECT_TRUE(m.find(k)) << k;
+  for (int k = 5000; k < 5100; ++k) EXPECT_TRUE(m.find(k)) << k;
+}
+
 }  // namespace
