@@ -219,17 +219,6 @@ void Ip6Addr::u8Is(int i, std::uint8_t v) {
   b_[i] = v;
 }
 
-std::size_t Ip6Addr::hash() const {
-  // The two halves as the machine holds them: a hash needs no byte order, and two loads are a
-  // tenth of the instructions of sixteen shifts (an IPv6 route's key is hashed several times a
-  // change).
-  std::uint64_t hi = 0;
-  std::uint64_t lo = 0;
-  std::memcpy(&hi, b_.data(), sizeof hi);
-  std::memcpy(&lo, b_.data() + sizeof hi, sizeof lo);
-  return mix64(hi ^ mix64(lo));
-}
-
 Ip6Addr Ip6Addr::operator&(const Ip6Addr& o) const {
   Ip6Addr r;
   for (int i = 0; i < 16; ++i) r.b_[i] = b_[i] & o.b_[i];

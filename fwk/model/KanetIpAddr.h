@@ -29,6 +29,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <ostream>
 #include <string>
@@ -109,7 +110,16 @@ class Ip6Addr {
   // In fe80::/10.
   bool isLinkLocal() const { return b_[0] == 0xfe && (b_[1] & 0xc0) == 0x80; }
   std::string toString() const;
-  std::size_t hash() const;
+  // The two halves as the machine holds them: a hash needs no byte order, and two loads are a
+  // tenth of the instructions of sixteen shifts. Inline: an IPv6 route's key is hashed several
+  // times a change.
+  std::size_t hash() const {
+    std::uint64_t hi = 0;
+    std::uint64_t lo = 0;
+    std::memcpy(&hi, b_.data(), sizeof hi);
+    std::memcpy(&lo, b_.data() + sizeof hi, sizeof lo);
+    return mix64(hi ^ mix64(lo));
+  }
 
   Ip6Addr operator&(const Ip6Addr& o) const;
   friend bool operator==(const Ip6Addr&, const Ip6Addr&) = default;
