@@ -119,51 +119,15 @@ class HashMap {
 
     // A spill with room for `count` block pointers: those of `from` (which gives them up, and its
     // index with them; null: none), then null ones.
-    static Spill* make(std::uint32_t count, Spill* from) {
-      const std::uint32_t keep = from ? from->moreCount : 0;
-      void* raw = ::operator new(sizeof(Spill) + count * sizeof(std::uintptr_t));
-      Spill* sp = ::new (raw) Spill;
-      sp->moreCount = count;
-      for (std::uint32_t j = 0; j < count; ++j) sp->more()[j] = j < keep ? from->more()[j] : 0;
-      if (from) {
-        sp->slots = std::move(from->slots);
-        sp->slotCount = std::exchange(from->slotCount, 0);
-        sp->gone = std::exchange(from->gone, 0);
-        from->moreCount = 0;
-      }
-      return sp;
-    }
+    static Spill* make(std::uint32_t count, Spill* from);
     // Block b: its 2^b nodes (the first has index base), threaded onto the free list lowest first.
     // Its pages are hinted for huge ones before a node is written: the large blocks of a
     // million-member collection are otherwise made one 4 KB fault at a time, inside the call
     // that adds the member needing them (a third of the faults of a new route input's scan).
-    static Node* makeBlock(unsigned b, std::uint32_t base, std::uint32_t& free) {
-      static_assert(std::is_nothrow_default_constructible_v<Node>);
-      static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-      const std::uint32_t count = 1u << b;
-      void* raw = ::operator new(count * sizeof(Node));
-      hugePagesHint(raw, count * sizeof(Node));
-      Node* block = static_cast<Node*>(raw);
-      for (std::uint32_t j = count; j-- > 0;) {
-        ::new (static_cast<void*>(block + j)) Node;
-        block[j].next = free;
-        free = base + j;
-      }
-      return block;
-    }
-    static void dropBlock(Node* block, unsigned b) {
-      if (!block) return;
-      std::destroy_n(block, std::size_t{1} << b);
-      ::operator delete(static_cast<void*>(block));
-    }
+    static Node* makeBlock(unsigned b, std::uint32_t base, std::uint32_t& free);
+    static void dropBlock(Node* block, unsigned b);
     struct Deleter {
-      void operator()(Spill* sp) const {
-        for (std::uint32_t j = 0; j < sp->moreCount; ++j) {
-          dropBlock(unbiased(sp->more()[j], j + 1), j + 1);
-        }
-        sp->~Spill();
-        ::operator delete(sp);
-      }
+      void operator()(Spill* sp) const;
     };
   };
 
@@ -550,73 +514,17 @@ class HashMap {
   // `at` is where a probe found i (kNoSlot: unknown); checked, so a stale one costs a walk only.
   void unplace(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot);
 
-  std::uint32_t allocate() {
-    if (free_ == kNil) {
-      const std::uint32_t b = blocks_;
-      if (b == 0) {
-        first_.next = free_;
-        free_ = 0;
-      } else {  // the array of block pointers is sized exactly; it grows about twenty times
-        std::uint32_t free = free_;
-        Node* block = Spill::makeBlock(b, (1u << b) - 1u, free);
-        try {
-          spill_.reset(Spill::make(b, spill_.get()));
-        } catch (...) {
-          Spill::dropBlock(block, b);
-          throw;
-        }
-        spill_->more()[b - 1] = Spill::biased(block, b);
-        free_ = free;
-      }
-      ++blocks_;
-    }
-    const std::uint32_t i = free_;
-    free_ = node(i).next;
-    return i;
-  }
+  // A node off the free list, a new block made when it is empty.
+  std::uint32_t allocate();
   // The order list's `prev` links are circular, the first node's naming the last, so the map
   // keeps no tail of its own; `next` ends at kNil.
-  void link(std::uint32_t i) {
-    Node& n = node(i);
-    n.next = kNil;
-    if (head_ == kNil) {
-      head_ = i;
-      n.prev = i;
-      return;
-    }
-    Node& first = node(head_);
-    n.prev = first.prev;
-    node(first.prev).next = i;
-    first.prev = i;
-  }
-  void unlink(std::uint32_t i) {
-    Node& n = node(i);
-    if (i == head_) {
-      head_ = n.next;
-      if (head_ != kNil) node(head_).prev = n.prev;
-      return;
-    }
-    node(n.prev).next = n.next;
-    // A bit-field is not an lvalue of a conditional operator.
-    if (n.next != kNil) {
-      node(n.next).prev = n.prev;
-    } else {
-      node(head_).prev = n.prev;
-    }
-  }
+  void link(std::uint32_t i);
+  void unlink(std::uint32_t i);
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
   // to the free list.
   void forget(std::uint32_t i) { forget(i, mix(keyOf(node(i)))); }
   // As forget, with the key's hash already at hand.
-  void forget(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot) {
-    unlink(i);
-    if (!unindexed()) unplace(i, h, at);
-    Node& n = node(i);
-    if constexpr (kKeyed) n.key = K{};
-    n.next = free_;
-    n.prev = kNil;
-    free_ = i;
-  }
+  void forget(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot);
   Node* firstLive(std::uint32_t i) const {
     while (i != kNil && !node(i).live) i = node(i).next;
     return i == kNil ? nullptr : &node(i);
@@ -626,26 +534,10 @@ class HashMap {
   // it keeps a collection drained from the front (a backlog) from piling them up.
   // When every member is a tombstone (a collection emptied while a walk was alive, as a
   // withdraw-all does), they all go at once with the storage, instead of one index removal each.
-  void trimHead() {
-    if (live_ == 0 && head_ != kNil) {
-      release();
-      return;
-    }
-    while (head_ != kNil && !node(head_).live) {
-      forget(head_);
-      --dead_;
-    }
-    if (indexed() == 0) release();
-  }
+  void trimHead();
   // A collection with no live member gives its storage back and forgets its tombstones: a
   // backlog that held a million keys for one drain does not keep their nodes.
-  void release() {
-    spill_.reset();
-    blocks_ = 0;
-    head_ = free_ = kNil;
-    dead_ = 0;
-    if constexpr (kKeyed) first_.key = K{};
-  }
+  void release();
   // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
   // without hashing its key again (a drain or a withdraw-all erases from the front).
   void settleErased(std::uint32_t i, std::uint32_t h, std::size_t at) {
@@ -690,3 +582,5 @@ class HashMap {
 
 // The index's lookups, insertions, removals and rebuilds.
 #include "fwk/framework/HashMapIndex.h"
+// The node blocks, the free list and the order list.
+#include "fwk/framework/HashMapNodes.h"

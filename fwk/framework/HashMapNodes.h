@@ -1,0 +1,152 @@
+// Kel::HashMap's node storage (see HashMap.h, which includes this file at its end): the blocks
+// of 2^b nodes that hold the members and never move (made with their pages hinted for huge ones,
+// held biased in the spill, dropped with it), the free list through unused nodes, and the order
+// list in first-insertion order, with the tombstones that a walk alive keeps and that the front
+// and an emptied collection let go.
+#pragma once
+
+#include "fwk/framework/HashMap.h"
+
+namespace Kel {
+
+template <class K, class V, class H, class KeyOf>
+inline auto HashMap<K, V, H, KeyOf>::Spill::make(std::uint32_t count, Spill* from) -> Spill* {
+  const std::uint32_t keep = from ? from->moreCount : 0;
+  void* raw = ::operator new(sizeof(Spill) + count * sizeof(std::uintptr_t));
+  Spill* sp = ::new (raw) Spill;
+  sp->moreCount = count;
+  for (std::uint32_t j = 0; j < count; ++j) sp->more()[j] = j < keep ? from->more()[j] : 0;
+  if (from) {
+    sp->slots = std::move(from->slots);
+    sp->slotCount = std::exchange(from->slotCount, 0);
+    sp->gone = std::exchange(from->gone, 0);
+    from->moreCount = 0;
+  }
+  return sp;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b, std::uint32_t base,
+                                                      std::uint32_t& free) -> Node* {
+  static_assert(std::is_nothrow_default_constructible_v<Node>);
+  static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+  const std::uint32_t count = 1u << b;
+  void* raw = ::operator new(count * sizeof(Node));
+  hugePagesHint(raw, count * sizeof(Node));
+  Node* block = static_cast<Node*>(raw);
+  for (std::uint32_t j = count; j-- > 0;) {
+    ::new (static_cast<void*>(block + j)) Node;
+    block[j].next = free;
+    free = base + j;
+  }
+  return block;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::Spill::dropBlock(Node* block, unsigned b) {
+  if (!block) return;
+  std::destroy_n(block, std::size_t{1} << b);
+  ::operator delete(static_cast<void*>(block));
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::Spill::Deleter::operator()(Spill* sp) const {
+  for (std::uint32_t j = 0; j < sp->moreCount; ++j) {
+    dropBlock(unbiased(sp->more()[j], j + 1), j + 1);
+  }
+  sp->~Spill();
+  ::operator delete(sp);
+}
+
+template <class K, class V, class H, class KeyOf>
+inline std::uint32_t HashMap<K, V, H, KeyOf>::allocate() {
+  if (free_ == kNil) {
+    const std::uint32_t b = blocks_;
+    if (b == 0) {
+      first_.next = free_;
+      free_ = 0;
+    } else {  // the array of block pointers is sized exactly; it grows about twenty times
+      std::uint32_t free = free_;
+      Node* block = Spill::makeBlock(b, (1u << b) - 1u, free);
+      try {
+        spill_.reset(Spill::make(b, spill_.get()));
+      } catch (...) {
+        Spill::dropBlock(block, b);
+        throw;
+      }
+      spill_->more()[b - 1] = Spill::biased(block, b);
+      free_ = free;
+    }
+    ++blocks_;
+  }
+  const std::uint32_t i = free_;
+  free_ = node(i).next;
+  return i;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::link(std::uint32_t i) {
+  Node& n = node(i);
+  n.next = kNil;
+  if (head_ == kNil) {
+    head_ = i;
+    n.prev = i;
+    return;
+  }
+  Node& first = node(head_);
+  n.prev = first.prev;
+  node(first.prev).next = i;
+  first.prev = i;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::unlink(std::uint32_t i) {
+  Node& n = node(i);
+  if (i == head_) {
+    head_ = n.next;
+    if (head_ != kNil) node(head_).prev = n.prev;
+    return;
+  }
+  node(n.prev).next = n.next;
+  // A bit-field is not an lvalue of a conditional operator.
+  if (n.next != kNil) {
+    node(n.next).prev = n.prev;
+  } else {
+    node(head_).prev = n.prev;
+  }
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::forget(std::uint32_t i, std::uint32_t h, std::size_t at) {
+  unlink(i);
+  if (!unindexed()) unplace(i, h, at);
+  Node& n = node(i);
+  if constexpr (kKeyed) n.key = K{};
+  n.next = free_;
+  n.prev = kNil;
+  free_ = i;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::trimHead() {
+  if (live_ == 0 && head_ != kNil) {
+    release();
+    return;
+  }
+  while (head_ != kNil && !node(head_).live) {
+    forget(head_);
+    --dead_;
+  }
+  if (indexed() == 0) release();
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::release() {
+  spill_.reset();
+  blocks_ = 0;
+  head_ = free_ = kNil;
+  dead_ = 0;
+  if constexpr (kKeyed) first_.key = K{};
+}
+
+}  // namespace Kel
