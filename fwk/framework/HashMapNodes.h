@@ -32,7 +32,6 @@ inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b, std::uint32_t 
   static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
   const std::uint32_t count = 1u << b;
   void* raw = ::operator new(count * sizeof(Node));
-  hugePagesHint(raw, count * sizeof(Node));
   Node* block = static_cast<Node*>(raw);
   for (std::uint32_t j = count; j-- > 0;) {
     ::new (static_cast<void*>(block + j)) Node;
