@@ -224,23 +224,18 @@ class HashMap {
 
   // Returns false when k is absent.
   bool erase(const K& key) {
-    const KeyArg k = key;
-    const std::uint32_t h = mix(k);
-    const auto [i, slot] = probe(k, h);
-    if (i == kNil || !node(i).live) return false;
-    Node& n = node(i);
-    if constexpr (kInPlace) {
-      bury(n, k);
-      settleErased(i, h, slot);
+    if constexpr (!kInPlace) {
+      V old;  // released once the map is consistent
+      return erase(key, old);
     } else {
-      n.live = false;
-      --live_;
-      ++dead_;
-      [[maybe_unused]] V old = std::move(n.value());  // released once the map is consistent
-      n.value() = V{};
+      const KeyArg k = key;
+      const std::uint32_t h = mix(k);
+      const auto [i, slot] = probe(k, h);
+      if (i == kNil || !node(i).live) return false;
+      bury(node(i), k);
       settleErased(i, h, slot);
+      return true;
     }
-    return true;
   }
   // As erase, and the value moves to `out` (one walk where find and erase take two).
   bool erase(const K& key, V& out) requires(!kInPlace) {
