@@ -1,5 +1,6 @@
 #include "fwk/framework/Pool.h"
 
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -35,7 +36,7 @@ PoolBase::~PoolBase() {
 PoolBase::Slab* PoolBase::makeSlab() {
   void* raw = ::operator new(kSlabBytes);
   auto* s = new (raw) Slab();
-  slabAt_.emplace(reinterpret_cast<std::uintptr_t>(raw) / kSlabBytes, s);
+  slabAt_.insert(reinterpret_cast<std::uintptr_t>(raw) / kSlabBytes, s);
   ++slabs_;
   return s;
 }
@@ -49,11 +50,51 @@ void PoolBase::dropSlab(Slab* s) {
 
 PoolBase::Slab* PoolBase::slabOf(const void* block) const {
   const auto at = reinterpret_cast<std::uintptr_t>(block);
-  auto it = slabAt_.find(at / kSlabBytes);
-  if (it == slabAt_.end() || reinterpret_cast<std::uintptr_t>(it->second) > at) {
-    it = slabAt_.find(at / kSlabBytes - 1);
+  void* s = slabAt_.find(at / kSlabBytes);
+  if (!s || reinterpret_cast<std::uintptr_t>(s) > at) s = slabAt_.find(at / kSlabBytes - 1);
+  return static_cast<Slab*>(s);
+}
+
+void* SlabIndex::find(std::uintptr_t window) const {
+  if (slots_.empty()) return nullptr;
+  for (std::size_t i = home(window);; i = next(i)) {
+    const Entry& e = slots_[i];
+    if (!e.slab || e.window == window) return e.slab;
   }
-  return it->second;
+}
+
+void SlabIndex::insert(std::uintptr_t window, void* slab) {
+  if ((count_ + 1) * 2 > slots_.size()) {
+    std::vector<Entry> old(slots_.empty() ? 16 : slots_.size() * 2);
+    old.swap(slots_);
+    shift_ = 64 - static_cast<unsigned>(std::countr_zero(slots_.size()));
+    count_ = 0;
+    for (const Entry& e : old) {
+      if (e.slab) insert(e.window, e.slab);
+    }
+  }
+  std::size_t i = home(window);
+  while (slots_[i].slab) i = next(i);
+  slots_[i] = Entry{window, slab};
+  ++count_;
+}
+
+void SlabIndex::erase(std::uintptr_t window) {
+  std::size_t i = home(window);
+  while (slots_[i].window != window || !slots_[i].slab) i = next(i);
+  // Backward shift: a later member of the run moves into the hole unless its home lies in the
+  // stretch (hole, member], where the hole would cut it off from its home.
+  for (std::size_t j = next(i);; j = next(j)) {
+    const Entry& e = slots_[j];
+    if (!e.slab) break;
+    const std::size_t h = home(e.window);
+    const bool between = i <= j ? (h > i && h <= j) : (h > i || h <= j);
+    if (between) continue;
+    slots_[i] = e;
+    i = j;
+  }
+  slots_[i] = Entry{};
+  --count_;
 }
 
 void PoolBase::list(Slab* s) {

@@ -4,7 +4,7 @@
 // bytes, rounded up to the type's alignment.
 //
 // A type takes its storage from the pool with KEL_POOLED(Type) in its class body (class-specific
-// operator new and delete). A slab is found from a block's address (a map from the 64 KB window
+// operator new and delete). A slab is found from a block's address (an index by the 64 KB window
 // the slab starts in: slabs come from the heap as they are, with no alignment to pay for), keeps
 // its own free list, and goes back to the heap as soon as its last block is freed,
 // except one empty slab kept for the next block, so a table withdrawn gives its memory back and
@@ -16,9 +16,35 @@
 #include <cstddef>
 #include <cstdint>
 #include <new>
-#include <unordered_map>
+#include <vector>
 
 namespace Kel {
+
+// A pool's slabs by the 64 KB window each starts in (a window number, never 0 here, to an
+// address, never null): open addressing with linear probing over a power of two of slots, at
+// most half full, a multiply and a shift choosing the home slot (a standard unordered map divides
+// by its bucket count for every block given back), removal by shifting the rest of the probe run
+// back. A caller must not insert a window that is present nor erase one that is absent.
+class SlabIndex {
+ public:
+  void* find(std::uintptr_t window) const;
+  void insert(std::uintptr_t window, void* slab);
+  void erase(std::uintptr_t window);
+  std::size_t size() const { return count_; }
+
+ private:
+  struct Entry {
+    std::uintptr_t window = 0;
+    void* slab = nullptr;  // null: an empty slot
+  };
+  std::size_t home(std::uintptr_t window) const {
+    return static_cast<std::size_t>((window * 0x9E3779B97F4A7C15ull) >> shift_);
+  }
+  std::size_t next(std::size_t i) const { return (i + 1) & (slots_.size() - 1); }
+  std::vector<Entry> slots_;
+  unsigned shift_ = 60;
+  std::size_t count_ = 0;
+};
 
 class PoolBase {
  public:
@@ -53,7 +79,7 @@ class PoolBase {
   Slab* spare_ = nullptr;  // an empty slab kept for the next block
   std::size_t live_ = 0;
   std::size_t slabs_ = 0;
-  std::unordered_map<std::uintptr_t, Slab*> slabAt_;  // by the window each starts in
+  SlabIndex slabAt_;  // by the 64 KB window each starts in
 };
 
 // One pool per block size and alignment, for the whole process; never destroyed (objects may

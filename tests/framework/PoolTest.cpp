@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <map>
 #include <random>
 #include <set>
 #include <vector>
@@ -69,6 +70,31 @@ TEST(Pool, BlocksAreDistinctAlignedAndSlabsGoBackWhenEmptied) {
   take();
   EXPECT_EQ(pool.slabs(), 1u);
   give(0);
+}
+
+// The slab index against a std::map, over random windows (so home slots collide and runs wrap
+// around the end) coming and going: every window present is found, every one absent is not.
+TEST(Pool, SlabIndexFindsEveryWindowAfterAnyRemovals) {
+  Kel::SlabIndex index;
+  std::map<std::uintptr_t, void*> ref;
+  std::mt19937_64 rnd(5);
+  std::vector<std::uintptr_t> windows(300);
+  for (auto& w : windows) w = 1 + rnd() % (std::uintptr_t{1} << 40);
+  for (int step = 0; step < 20000; ++step) {
+    const std::uintptr_t w = windows[rnd() % windows.size()];
+    if (ref.count(w)) {
+      index.erase(w);
+      ref.erase(w);
+    } else {
+      index.insert(w, &windows[step % windows.size()]);
+      ref[w] = &windows[step % windows.size()];
+    }
+    ASSERT_EQ(index.size(), ref.size());
+    for (std::uintptr_t v : windows) {
+      const auto it = ref.find(v);
+      ASSERT_EQ(index.find(v), it == ref.end() ? nullptr : it->second) << "step " << step;
+    }
+  }
 }
 
 }  // namespace
