@@ -481,7 +481,8 @@ class HashMap {
   }
   std::size_t nextSlot(std::size_t p) const { return p + 1 == spill_->slotCount ? 0 : p + 1; }
   bool unindexed() const { return slotCount() == 0; }
-  std::uint32_t lookup(const K& k, std::uint32_t h) const;
+  // The node of k (hash h), or kNil.
+  std::uint32_t lookup(const K& k, std::uint32_t h) const { return probe(k, h).node; }
   // What one walk of k's run finds: k's node and its slot, or kNil and the slot an insertion of
   // k would take (the run's first mark, else its end). While unindexed, only the node counts.
   struct Probe {

@@ -39,27 +39,13 @@ inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k
 }
 
 template <class K, class V, class H, class KeyOf>
-inline std::uint32_t HashMap<K, V, H, KeyOf>::lookup(const K& k, std::uint32_t h) const {
+inline auto HashMap<K, V, H, KeyOf>::probe(const K& k, std::uint32_t h) const -> Probe {
   if (unindexed()) {  // small: every node of the index is on the order list
     for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      if (keyOf(node(i)) == k) return i;
+      if (keyOf(node(i)) == k) return {i, 0};
     }
-    return kNil;
+    return {kNil, 0};
   }
-  const std::uint64_t* slots = spill_->slots.get();
-  for (std::size_t p = home(h);; p = nextSlot(p)) {
-    const std::uint64_t s = slots[p];
-    if (s == 0) return kNil;
-    if (static_cast<std::uint32_t>(s >> 32) == h && s != kGone) {
-      const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
-      if (keyOf(node(i)) == k) return i;
-    }
-  }
-}
-
-template <class K, class V, class H, class KeyOf>
-inline auto HashMap<K, V, H, KeyOf>::probe(const K& k, std::uint32_t h) const -> Probe {
-  if (unindexed()) return {lookup(k, h), 0};
   const std::uint64_t* slots = spill_->slots.get();
   std::size_t marked = kNoSlot;
   for (std::size_t p = home(h);; p = nextSlot(p)) {
