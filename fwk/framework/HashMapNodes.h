@@ -1,8 +1,8 @@
 // Kel::HashMap's node storage (see HashMap.h, which includes this file at its end): the blocks
-// of 2^b nodes that hold the members and never move (made with their pages hinted for huge ones,
-// held biased in the spill, dropped with it), the free list through unused nodes, and the order
-// list in first-insertion order, with the tombstones that a walk alive keeps and that the front
-// and an emptied collection let go.
+// of 2^b nodes that hold the members and never move (made and threaded onto the free list in one
+// pass, held biased in the spill, dropped with it), the free list through unused nodes, and the
+// order list in first-insertion order, with the tombstones that a walk alive keeps and that the
+// front and an emptied collection let go.
 #pragma once
 
 #include "fwk/framework/HashMap.h"
