@@ -48,6 +48,14 @@
 
 namespace Kel {
 
+// A hasher whose results spread keys evenly over their top 32 bits (it declares a member type
+// `spreadInTopBits`): the map uses those bits as they are instead of mixing the hash again. A
+// route's key is hashed several times a change, by several maps.
+template <class H>
+concept SpreadHash = requires {
+  typename H::spreadInTopBits;
+};
+
 template <class K, class V, class H = std::hash<K>, class KeyOf = void>
 class HashMap {
   static constexpr std::uint32_t kNil = 0x7fffffffu;  // no node: at most kNil - 1 members
@@ -389,12 +397,18 @@ class HashMap {
   };
 
  private:
+  // The 32 bits of k's hash the index uses: the top ones as they are when the hasher spreads
+  // them (see SpreadHash), otherwise the low ones after a finaliser.
   static std::uint32_t mix(const K& k) {
     std::uint64_t h = static_cast<std::uint64_t>(H()(k));
-    h ^= h >> 33;
-    h *= 0xff51afd7ed558ccdull;
-    h ^= h >> 33;
-    return static_cast<std::uint32_t>(h);
+    if constexpr (SpreadHash<H>) {
+      return static_cast<std::uint32_t>(h >> 32);
+    } else {
+      h ^= h >> 33;
+      h *= 0xff51afd7ed558ccdull;
+      h ^= h >> 33;
+      return static_cast<std::uint32_t>(h);
+    }
   }
   // Block b holds 2^b nodes, indexes [2^b - 1, 2^(b+1) - 1): a million members take twenty
   // blocks. Block 0, one node, is inside the map: a collection of one member (a route's one next

@@ -3,8 +3,8 @@
 // length beyond the address width, or a bit set beyond the length) raises Kel::RangeException
 // "Prefix::validAsPrefix != true not allowed" and no key is made. The default key is the default
 // route (0.0.0.0/0, ::/0). Keys are compared and ordered by prefix (address, then length); the
-// text form is the prefix's ("10.0.0.0/8", "2001:db8::/32"). The hash mixes address and length
-// through a 64-bit finaliser, so collections of a million sequential prefixes keep short chains.
+// text form is the prefix's ("10.0.0.0/8", "2001:db8::/32"). The hash is the prefix's, which mixes
+// address and length, so collections of a million sequential prefixes keep short chains.
 #pragma once
 
 #include <compare>
@@ -65,6 +65,7 @@ using RouteKey = RoutingModel::RouteKeyT<Kanet::Ip6Prefix>;
 
 template <class P>
 struct std::hash<RoutingModel::RouteKeyT<P>> {
+  using spreadInTopBits = void;  // see Kel::SpreadHash
   size_t operator()(const RoutingModel::RouteKeyT<P>& k) const noexcept { return k.hash(); }
 };
 
