@@ -287,10 +287,10 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
   }                                                                                                \
   void name##Del(const Key& k) {                                                                   \
-    if (!name##_.erase(k)) return;                                                                 \
-    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
+    Value old{};                                                                                   \
+    if (name##_.erase(k, old)) name##Gone_(k, old);                                                \
   }                                                                                                \
-  KEL_DEL_ALL_(name, Cap, Key)                                                                     \
+  KEL_DEL_ALL_(name, Cap, Key, Value)                                                              \
   /* Tells every notifiee to rescan the whole collection. */                                       \
   void name##Resync() const {                                                                      \
     kelNotify([](Notifiee& n) { n.on##Cap##kelImmediate(); });                                     \
@@ -302,6 +302,9 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   const ::Kel::HashMap<Key, Value>& name##Collection() const { return name##_; }                   \
                                                                                                    \
  private:                                                                                          \
+  void name##Gone_(const Key& k, Value&) {                                                         \
+    kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                                                \
+  }                                                                                                \
   ::Kel::HashMap<Key, Value> name##_;
 
 #define KEL_MEMBER_CHILD(name, Cap, Type)                                       \
@@ -332,7 +335,9 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 // is also told, by onCapkelAhead(key), the key that will go kPrefetchAhead deletions later, so
 // that it can ask for the lines its own handling of that key will read (a withdraw-all of a
 // million routes waits mostly on such misses). The hint changes nothing and is not a change.
-#define KEL_DEL_ALL_(name, Cap, Key)                                          \
+// Each member is erased where the walk stands (what nameDel(k) does, without looking k up), then
+// nameGone_, the kind's own rest of nameDel, follows.
+#define KEL_DEL_ALL_(name, Cap, Key, Value)                                   \
   void name##DelAll() {                                                       \
     auto ahead = name##_.begin();                                             \
     for (std::size_t i = 0; i < ::Kel::kPrefetchAhead && ahead; ++i) ++ahead; \
@@ -344,7 +349,8 @@ void checkReinstantiation(const T& existing, const Args&... args) {
         ++ahead;                                                              \
       }                                                                       \
       const Key k = it.key();                                                 \
-      name##Del(k);                                                           \
+      Value old{};                                                            \
+      if (name##_.eraseAt(it, old)) name##Gone_(k, old);                      \
     }                                                                         \
   }
 
@@ -356,7 +362,11 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     const ::Kel::Ptr<Type>* v = name##_.find(k);                                            \
     return v ? *v : ::Kel::Ptr<Type>();                                                     \
   }                                                                                         \
-  KEL_DEL_ALL_(name, Cap, Key)                                                              \
+  KEL_DEL_ALL_(name, Cap, Key, ::Kel::Ptr<Type>)                                            \
+  void name##Del(const Key& k) {                                                            \
+    ::Kel::Ptr<Type> old;                                                                   \
+    if (name##_.erase(k, old)) name##Gone_(k, old);                                         \
+  }                                                                                         \
   typename ::Kel::HashMap<Key, ::Kel::Ptr<Type>>::Iterator name##Iterator() const {         \
     return name##_.begin();                                                                 \
   }                                                                                         \
@@ -380,9 +390,9 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });              \
     return c;                                                    \
   }                                                              \
-  void name##Del(const Key& k) {                                 \
-    ::Kel::Ptr<Type> old;                                        \
-    if (!name##_.erase(k, old)) return;                          \
+                                                                 \
+ private:                                                        \
+  void name##Gone_(const Key& k, ::Kel::Ptr<Type>&) {            \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });              \
   }
 
@@ -397,9 +407,9 @@ void checkReinstantiation(const T& existing, const Args&... args) {
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
     return c;                                                         \
   }                                                                   \
-  void name##Del(const Key& k) {                                      \
-    ::Kel::Ptr<Type> old;                                             \
-    if (!name##_.erase(k, old)) return;                               \
+                                                                      \
+ private:                                                             \
+  void name##Gone_(const Key& k, ::Kel::Ptr<Type>& old) {             \
     ::Kel::memberOf(*old, static_cast<decltype(this)>(nullptr));      \
     kelNotify([&k](Notifiee& n) { n.on##Cap(k); });                   \
   }

@@ -251,12 +251,7 @@ class HashMap {
     const std::uint32_t h = mix(k);
     const auto [i, slot] = probe(k, h);
     if (i == kNil || !node(i).live) return false;
-    Node& n = node(i);
-    n.live = false;
-    --live_;
-    ++dead_;
-    out = std::move(n.value());
-    n.value() = V{};
+    takeOut(node(i), out);
     settleErased(i, h, slot);
     return true;
   }
@@ -323,6 +318,16 @@ class HashMap {
     const HashMap* map_ = nullptr;
     Node* node_ = nullptr;
   };
+
+  // As erase(it.key(), out) for the member `it` (a walk of this collection) stands on, without
+  // the index: while a walk is alive an erased member stays in the index as a tombstone, so
+  // nothing but the node changes (a withdraw-all erasing as it walks). False when that member is
+  // erased already or `it` is at the end.
+  bool eraseAt(const Iterator& it, V& out) requires(!kInPlace) {
+    if (!it.node_ || !it.node_->live) return false;
+    takeOut(*it.node_, out);
+    return true;
+  }
 
   Iterator begin() const { return Iterator(this, firstLive(head_)); }
   Iterator end() const { return Iterator(); }
@@ -460,6 +465,15 @@ class HashMap {
     ++dead_;
     n.value().~V();
     if constexpr (!kKeyed) keyIs(n, k);
+  }
+  // Makes the live node n a tombstone, its value moved to `out` (a movable value's node keeps
+  // its key).
+  void takeOut(Node& n, V& out) requires(!kInPlace) {
+    n.live = false;
+    --live_;
+    ++dead_;
+    out = std::move(n.value());
+    n.value() = V{};
   }
   // Gives a node that is not live (fresh, or a tombstone whose value was just destroyed) its key.
   void keyIs(Node& n, const K& k) {

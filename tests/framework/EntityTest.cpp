@@ -117,6 +117,32 @@ TEST(Notification, DelAllHintsEachKeyAheadOfItsDeletionAndTheHintIsNoChange) {
   EXPECT_EQ(w->memberCount(), 0u);
 }
 
+// A withdraw-all is a walk that deletes as it goes: what a notifiee changes meanwhile is what a
+// walk would see. A later member deleted out of turn is notified once; a member the walk has
+// passed and that comes back stays; a member added behind the walk goes too.
+TEST(Notification, DelAllGoesOnFromWhatItsNotifieesChange) {
+  struct Reacting : Watched::Notifiee {
+    Kel::Ptr<Watched> w;
+    explicit Reacting(const Kel::Ptr<Watched>& watched) : w(watched) { notifierIs(watched); }
+    void onMember(const int& k) override {
+      events.push_back((w->member(k) ? "add" : "del") + std::to_string(k));
+      if (k != 1 || w->member(1)) return;
+      w->memberDel(3);
+      w->memberIs(1, true);
+      w->memberIs(9, true);
+    }
+  };
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  for (int k = 0; k < 6; ++k) w->memberIs(k, true);
+  Reacting r(w);
+  w->memberDelAll();
+  EXPECT_EQ(events, (std::vector<std::string>{"del0", "del1", "del3", "add1", "add9", "del2",
+                                              "del4", "del5", "del9"}));
+  EXPECT_EQ(w->memberCount(), 1u);
+  EXPECT_TRUE(w->member(1));
+}
+
 TEST(Notification, NotifieeRegisteredDuringDeliveryWaitsForNextChange) {
   events.clear();
   auto w = Kel::make<Watched>(1);
