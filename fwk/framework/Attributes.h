@@ -345,6 +345,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
       if (ahead) {                                                            \
         const Key& a = ahead.key();                                           \
         name##_.prefetchSlot(a);                                              \
+        ::Kel::prefetchPointee(ahead.value());                                \
         kelNotify([&a](Notifiee& n) { n.on##Cap##kelAhead(a); });             \
         ++ahead;                                                              \
       }                                                                       \

@@ -36,4 +36,17 @@ inline void prefetch(const void* p) {
 #endif
 }
 
+// For a member about to be deleted: the first two lines of the entity a pointer value names
+// (its notifiees' handling and, when they let it go, its destruction read them); nothing for a
+// plain value.
+template <class V>
+void prefetchPointee(const V& v) {
+  if constexpr (requires { v.ptr(); }) {
+    if (const auto* p = v.ptr()) {
+      prefetch(p);
+      prefetch(reinterpret_cast<const char*>(p) + 64);
+    }
+  }
+}
+
 }  // namespace Kel
