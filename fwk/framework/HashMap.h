@@ -113,6 +113,9 @@ class HashMap {
         0;                   // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
     std::uint32_t gone = 0;  // slots marked kGone
     std::uint32_t moreCount = 0;
+    // Nodes below this index have been built (node 0, inside the map, always is); the rest of
+    // the last block is raw memory, built one node at a time as it is first handed out.
+    std::uint32_t carved = 1;
     std::uintptr_t* more() { return reinterpret_cast<std::uintptr_t*>(this + 1); }
     // Block b (first index 2^b - 1) as held, and back; a missing block is held as 0.
     static std::uintptr_t biased(Node* block, unsigned b) {
@@ -128,11 +131,14 @@ class HashMap {
     // A spill with room for `count` block pointers: those of `from` (which gives them up, and its
     // index with them; null: none), then null ones.
     static Spill* make(std::uint32_t count, Spill* from);
-    // Block b: its 2^b nodes (the first has index base), made and threaded onto the free list
-    // lowest first in one pass. (Hinting a large block's pages for huge ones spared a new input's
-    // scan a third of its page faults, but made the drains of two million routes a tenth slower.)
-    static Node* makeBlock(unsigned b, std::uint32_t base, std::uint32_t& free);
-    static void dropBlock(Node* block, unsigned b);
+    // Block b: room for its 2^b nodes, none built. Building (and threading onto a free list) a
+    // whole block at once wrote a million-member block twice, and made every allocation read a
+    // node written long before: a cache miss per member. (Hinting a large block's pages for huge
+    // ones spared a new input's scan a third of its page faults, but made the drains of two
+    // million routes a tenth slower.)
+    static Node* makeBlock(unsigned b);
+    // Destroys the nodes of block b below `carved` and frees it.
+    static void dropBlock(Node* block, unsigned b, std::uint32_t carved);
     struct Deleter {
       void operator()(Spill* sp) const;
     };
@@ -432,18 +438,20 @@ class HashMap {
   // The live member after node i when i is a live node of the current storage; otherwise the
   // member n places after the first.
   std::uint32_t scoutNext(std::uint32_t i, std::size_t n) const {
-    const std::uint32_t made = blocks_ == 0 ? 0 : (std::uint32_t{1} << blocks_) - 1;
-    if (i >= made || !node(i).live) return peekAt(n);
+    if (i >= carved() || !node(i).live) return peekAt(n);
     for (i = node(i).next; i != kNil && !node(i).live;) i = node(i).next;
     return i;
   }
   // Inlined everywhere: a few instructions that a walk or an erasure runs several times a key,
   // which the compiler would otherwise call out of line.
-  [[gnu::always_inline]] Node& node(std::uint32_t i) const {
-    if (i == 0) return first_;
+  [[gnu::always_inline]] Node& node(std::uint32_t i) const { return *nodeAt(i); }
+  [[gnu::always_inline]] Node* nodeAt(std::uint32_t i) const {
+    if (i == 0) return &first_;
     const unsigned b = blockOf(i);
-    return *reinterpret_cast<Node*>(spill_->more()[b - 1] + std::uintptr_t{i} * sizeof(Node));
+    return reinterpret_cast<Node*>(spill_->more()[b - 1] + std::uintptr_t{i} * sizeof(Node));
   }
+  // Nodes built so far (see Spill::carved): a node index from before may name raw memory.
+  std::uint32_t carved() const { return blocks_ == 0 ? 0 : spill_ ? spill_->carved : 1; }
 
   // A key argument as held during an erasure or a replacement: when the value gives the key, a
   // copy, as the argument may be that value's own key, gone with the value.
@@ -537,7 +545,8 @@ class HashMap {
   // `at` is where a probe found i (kNoSlot: unknown); checked, so a stale one costs a walk only.
   void unplace(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot);
 
-  // A node off the free list, a new block made when it is empty.
+  // A node off the free list, else the next one never used (a new block made when there is
+  // none), built then.
   std::uint32_t allocate();
   // The order list's `prev` links are circular, the first node's naming the last, so the map
   // keeps no tail of its own; `next` ends at kNil.

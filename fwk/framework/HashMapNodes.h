@@ -1,8 +1,8 @@
 // Kel::HashMap's node storage (see HashMap.h, which includes this file at its end): the blocks
-// of 2^b nodes that hold the members and never move (made and threaded onto the free list in one
-// pass, held biased in the spill, dropped with it), the free list through unused nodes, and the
-// order list in first-insertion order, with the tombstones that a walk alive keeps and that the
-// front and an emptied collection let go.
+// of 2^b nodes that hold the members and never move (each node built when first handed out, held
+// biased in the spill, dropped with it), the free list through nodes given back, and the order
+// list in first-insertion order, with the tombstones that a walk alive keeps and that the front
+// and an emptied collection let go.
 #pragma once
 
 #include "fwk/framework/HashMap.h"
@@ -17,6 +17,7 @@ inline auto HashMap<K, V, H, KeyOf>::Spill::make(std::uint32_t count, Spill* fro
   sp->moreCount = count;
   for (std::uint32_t j = 0; j < count; ++j) sp->more()[j] = j < keep ? from->more()[j] : 0;
   if (from) {
+    sp->carved = from->carved;
     sp->slots = std::move(from->slots);
     sp->slotCount = std::exchange(from->slotCount, 0);
     sp->gone = std::exchange(from->gone, 0);
@@ -26,32 +27,26 @@ inline auto HashMap<K, V, H, KeyOf>::Spill::make(std::uint32_t count, Spill* fro
 }
 
 template <class K, class V, class H, class KeyOf>
-inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b, std::uint32_t base,
-                                                      std::uint32_t& free) -> Node* {
+inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b) -> Node* {
   static_assert(std::is_nothrow_default_constructible_v<Node>);
   static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-  const std::uint32_t count = 1u << b;
-  void* raw = ::operator new(count * sizeof(Node));
-  Node* block = static_cast<Node*>(raw);
-  for (std::uint32_t j = count; j-- > 0;) {
-    ::new (static_cast<void*>(block + j)) Node;
-    block[j].next = free;
-    free = base + j;
-  }
-  return block;
+  return static_cast<Node*>(::operator new((std::size_t{1} << b) * sizeof(Node)));
 }
 
 template <class K, class V, class H, class KeyOf>
-inline void HashMap<K, V, H, KeyOf>::Spill::dropBlock(Node* block, unsigned b) {
+inline void HashMap<K, V, H, KeyOf>::Spill::dropBlock(Node* block, unsigned b,
+                                                      std::uint32_t carved) {
   if (!block) return;
-  std::destroy_n(block, std::size_t{1} << b);
+  const std::uint32_t base = (1u << b) - 1u;
+  const std::uint32_t built = carved <= base ? 0 : std::min(carved - base, 1u << b);
+  std::destroy_n(block, built);
   ::operator delete(static_cast<void*>(block));
 }
 
 template <class K, class V, class H, class KeyOf>
 inline void HashMap<K, V, H, KeyOf>::Spill::Deleter::operator()(Spill* sp) const {
   for (std::uint32_t j = 0; j < sp->moreCount; ++j) {
-    dropBlock(unbiased(sp->more()[j], j + 1), j + 1);
+    dropBlock(unbiased(sp->more()[j], j + 1), j + 1, sp->carved);
   }
   sp->~Spill();
   ::operator delete(sp);
@@ -59,27 +54,30 @@ inline void HashMap<K, V, H, KeyOf>::Spill::Deleter::operator()(Spill* sp) const
 
 template <class K, class V, class H, class KeyOf>
 inline std::uint32_t HashMap<K, V, H, KeyOf>::allocate() {
-  if (free_ == kNil) {
-    const std::uint32_t b = blocks_;
-    if (b == 0) {
-      first_.next = free_;
-      free_ = 0;
-    } else {  // the array of block pointers is sized exactly; it grows about twenty times
-      std::uint32_t free = free_;
-      Node* block = Spill::makeBlock(b, (1u << b) - 1u, free);
-      try {
-        spill_.reset(Spill::make(b, spill_.get()));
-      } catch (...) {
-        Spill::dropBlock(block, b);
-        throw;
-      }
-      spill_->more()[b - 1] = Spill::biased(block, b);
-      free_ = free;
+  if (free_ != kNil) {
+    const std::uint32_t i = free_;
+    free_ = node(i).next;
+    return i;
+  }
+  if (blocks_ == 0) {  // node 0, inside the map
+    blocks_ = 1;
+    return 0;
+  }
+  const std::uint32_t b = blocks_;
+  if (!spill_ || spill_->carved == (1u << b) - 1u) {  // every node made is in use
+    // The array of block pointers is sized exactly; it grows about twenty times.
+    Node* block = Spill::makeBlock(b);
+    try {
+      spill_.reset(Spill::make(b, spill_.get()));
+    } catch (...) {
+      Spill::dropBlock(block, b, 0);
+      throw;
     }
+    spill_->more()[b - 1] = Spill::biased(block, b);
     ++blocks_;
   }
-  const std::uint32_t i = free_;
-  free_ = node(i).next;
+  const std::uint32_t i = spill_->carved++;
+  ::new (static_cast<void*>(nodeAt(i))) Node;
   return i;
 }
 

@@ -273,6 +273,22 @@ TEST(HashMap, ErasingReleasesTheValueAtOnce) {
   EXPECT_EQ(shared.use_count(), 1);
 }
 
+// Nodes are built as they are first handed out, so a block may be built only in part: whatever
+// the count, destroying the map releases every value it holds, no more and no less.
+TEST(HashMap, DestroyingAMapReleasesEveryValueItHolds) {
+  auto shared = std::make_shared<int>(7);
+  for (int n : {1, 2, 3, 4, 7, 8, 9, 15, 16, 17, 100, 1023, 1024, 1025}) {
+    {
+      Kel::HashMap<int, std::shared_ptr<int>> m;
+      for (int k = 0; k < n; ++k) m.insert(k, shared);
+      for (int k = 0; k < n; k += 3) m.erase(k);  // their nodes go back to the free list
+      for (int k = n; k < n + n / 3; ++k) m.insert(k, shared);  // and are handed out again
+      ASSERT_EQ(shared.use_count(), static_cast<long>(m.size()) + 1) << n;
+    }
+    ASSERT_EQ(shared.use_count(), 1) << n;
+  }
+}
+
 // A value that must not move: it knows its own address, and counts the live ones.
 struct Pinned {
   static inline int live = 0;
