@@ -33,7 +33,7 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
           Kel::prefetch(next);
           Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
         }
-        routeCollection().prefetchSlot(key);
+        routeCollection().prefetchRun(key);
       },
       [this](const Key&, const auto& route) {
         if (route) routeIs(route);
@@ -61,7 +61,7 @@ void RouteInputSmT<Traits>::KelRouteInput::onRoutekelAhead(const Key& key) {
   if (!owner_->initialized()) return;
   auto* backlog = owner_->routeBacklog().ptr();
   backlog->backlogReserve(backlog->backlogCount() + owner_->routeInput()->routeCount());
-  backlog->backlogCollection().prefetchSlot(key);
+  backlog->backlogCollection().prefetchRun(key);
 }
 
 template <class Traits>
@@ -119,7 +119,7 @@ void RouteInputSmT<Traits>::handleRoute() {
   const auto& keys = routeBacklog()->backlogCollection();
   Kel::forEachAhead(
       routeInput()->routeCollection(),
-      [&keys](const Key& key, const auto&) { keys.prefetchSlot(key); },
+      [&keys](const Key& key, const auto&) { keys.prefetchRun(key); },
       [this](const Key& key, const auto&) { handleRoute(key); });
 }
 
