@@ -168,19 +168,19 @@ class HashMap {
   }
 
   const V* find(const K& k) const {
-    const std::uint32_t i = lookup(k, mix(k));
-    return i != kNil && node(i).live ? &node(i).value() : nullptr;
+    Node* n = probe(k, mix(k)).at;
+    return n && n->live ? &n->value() : nullptr;
   }
   V* find(const K& k) {
-    const std::uint32_t i = lookup(k, mix(k));
-    return i != kNil && node(i).live ? &node(i).value() : nullptr;
+    Node* n = probe(k, mix(k)).at;
+    return n && n->live ? &n->value() : nullptr;
   }
   bool contains(const K& k) const { return find(k) != nullptr; }
 
   // Inserts or assigns; returns the stored value and whether the key is new.
   std::pair<V*, bool> insert(const K& k, V v) requires(!kInPlace) {
-    auto [i, fresh] = locate(k);
-    Node& n = node(i);
+    auto [at, fresh] = locate(k);
+    Node& n = *at;
     n.value() = std::move(v);
     return {&n.value(), revive(n, fresh)};
   }
@@ -200,8 +200,8 @@ class HashMap {
   std::pair<std::pair<V*, bool>, bool> emplaceUnless(const K& key, Keep&& keep,
                                                      A&&... args) requires kInPlace {
     const KeyArg k = key;
-    auto [i, fresh] = locate(k);
-    Node& n = node(i);
+    auto [at, fresh] = locate(k);
+    Node& n = *at;
     if (n.live && keep(n.value())) return {{&n.value(), false}, false};
     const bool added = !n.live;
     // k becomes a tombstone first: whatever the destructor or the constructor does or throws,
@@ -228,8 +228,8 @@ class HashMap {
   // Stores v at k with one probe of the index; false, and nothing changed, when k already held
   // an equal value. (The mutators' "no notification when unchanged" rule.)
   bool assign(const K& k, const V& v) requires(!kInPlace) {
-    auto [i, fresh] = locate(k);
-    Node& n = node(i);
+    auto [at, fresh] = locate(k);
+    Node& n = *at;
     if (n.live && n.value() == v) return false;
     n.value() = v;
     revive(n, fresh);
@@ -244,10 +244,10 @@ class HashMap {
     } else {
       const KeyArg k = key;
       const std::uint32_t h = mix(k);
-      const auto [i, slot] = probe(k, h);
-      if (i == kNil || !node(i).live) return false;
-      bury(node(i), k);
-      settleErased(i, h, slot);
+      const Probe f = probe(k, h);
+      if (!f.at || !f.at->live) return false;
+      bury(*f.at, k);
+      settleErased(f.node, *f.at, h, f.slot);
       return true;
     }
   }
@@ -255,10 +255,10 @@ class HashMap {
   bool erase(const K& key, V& out) requires(!kInPlace) {
     const KeyArg k = key;
     const std::uint32_t h = mix(k);
-    const auto [i, slot] = probe(k, h);
-    if (i == kNil || !node(i).live) return false;
-    takeOut(node(i), out);
-    settleErased(i, h, slot);
+    const Probe f = probe(k, h);
+    if (!f.at || !f.at->live) return false;
+    takeOut(*f.at, out);
+    settleErased(f.node, *f.at, h, f.slot);
     return true;
   }
 
@@ -346,8 +346,9 @@ class HashMap {
   void purge() {
     if (iterators_ != 0) return;
     for (std::uint32_t i = head_; i != kNil;) {
-      const std::uint32_t next = node(i).next;
-      if (!node(i).live) forget(i);
+      Node& n = node(i);
+      const std::uint32_t next = n.next;
+      if (!n.live) forget(i, n, mix(keyOf(n)));
       i = next;
     }
     dead_ = 0;
@@ -501,8 +502,9 @@ class HashMap {
     }
   }
 
-  // The node of k, made (and linked at the back, not yet live) when the index has none.
-  std::pair<std::uint32_t, bool> locate(const K& k);
+  // The node of k, made (and linked at the back, not yet live) when the index has none; true
+  // when made.
+  std::pair<Node*, bool> locate(const K& k);
   // Makes a located node live; true when it was not (fresh, or a tombstone back in its place).
   bool revive(Node& n, bool fresh) {
     if (n.live) return false;
@@ -533,6 +535,7 @@ class HashMap {
   struct Probe {
     std::uint32_t node;
     std::size_t slot;
+    Node* at;  // node's address (null: absent), so that no caller finds it again
   };
   static constexpr std::size_t kNoSlot = ~std::size_t{0};
   Probe probe(const K& k, std::uint32_t h) const;
@@ -556,16 +559,19 @@ class HashMap {
 
   // A node off the free list, else the next one never used (a new block made when there is
   // none), built then.
-  std::uint32_t allocate();
+  std::pair<std::uint32_t, Node*> allocate();
   // The order list's `prev` links are circular, the first node's naming the last, so the map
   // keeps no tail of its own; `next` ends at kNil.
-  void link(std::uint32_t i);
-  void unlink(std::uint32_t i);
+  void link(std::uint32_t i, Node& n);
+  void unlink(std::uint32_t i, Node& n);
   // Drops a tombstone for good (no iterator may be alive): out of the order, the index, and back
   // to the free list.
-  void forget(std::uint32_t i) { forget(i, mix(keyOf(node(i)))); }
-  // As forget, with the key's hash already at hand.
-  void forget(std::uint32_t i, std::uint32_t h, std::size_t at = kNoSlot);
+  void forget(std::uint32_t i) {
+    Node& n = node(i);
+    forget(i, n, mix(keyOf(n)));
+  }
+  // As forget, with node i and its key's hash already at hand.
+  void forget(std::uint32_t i, Node& n, std::uint32_t h, std::size_t at = kNoSlot);
   Node* firstLive(std::uint32_t i) const {
     while (i != kNil && !node(i).live) i = node(i).next;
     return i == kNil ? nullptr : &node(i);
@@ -581,9 +587,9 @@ class HashMap {
   void release();
   // After erasing node i (hash h): a tombstone at the front with no walk alive goes at once,
   // without hashing its key again (a drain or a withdraw-all erases from the front).
-  void settleErased(std::uint32_t i, std::uint32_t h, std::size_t at) {
+  void settleErased(std::uint32_t i, Node& n, std::uint32_t h, std::size_t at) {
     if (iterators_ == 0 && i == head_) {
-      forget(i, h, at);
+      forget(i, n, h, at);
       --dead_;
     }
     settle();

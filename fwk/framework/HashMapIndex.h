@@ -11,10 +11,10 @@
 namespace Kel {
 
 template <class K, class V, class H, class KeyOf>
-inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k) {
+inline auto HashMap<K, V, H, KeyOf>::locate(const K& k) -> std::pair<Node*, bool> {
   const std::uint32_t h = mix(k);
   const Probe found = probe(k, h);
-  if (found.node != kNil) return {found.node, false};
+  if (found.at) return {found.at, false};
   bool placeFound = !unindexed();
   if (unindexed()) {
     if (indexed() + 1 > kSmall) rehash(grown(0));
@@ -27,35 +27,38 @@ inline std::pair<std::uint32_t, bool> HashMap<K, V, H, KeyOf>::locate(const K& k
     rehash(roomy ? slotCount() : grown(slotCount()));
     placeFound = false;
   }
-  const std::uint32_t i = allocate();
-  keyIs(node(i), k);
+  const auto [i, at] = allocate();
+  keyIs(*at, k);
   if (placeFound) {
     placeAt(found.slot, h, i);
   } else if (!unindexed()) {
     place(h, i);
   }
-  link(i);
-  return {i, true};
+  link(i, *at);
+  return {at, true};
 }
 
 template <class K, class V, class H, class KeyOf>
 inline auto HashMap<K, V, H, KeyOf>::probe(const K& k, std::uint32_t h) const -> Probe {
   if (unindexed()) {  // small: every node of the index is on the order list
-    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      if (keyOf(node(i)) == k) return {i, 0};
+    for (std::uint32_t i = head_; i != kNil;) {
+      Node& n = node(i);
+      if (keyOf(n) == k) return {i, 0, &n};
+      i = n.next;
     }
-    return {kNil, 0};
+    return {kNil, 0, nullptr};
   }
   const std::uint64_t* slots = spill_->slots.get();
   std::size_t marked = kNoSlot;
   for (std::size_t p = home(h);; p = nextSlot(p)) {
     const std::uint64_t s = slots[p];
-    if (s == 0) return {kNil, marked == kNoSlot ? p : marked};
+    if (s == 0) return {kNil, marked == kNoSlot ? p : marked, nullptr};
     if (s == kGone) {
       if (marked == kNoSlot) marked = p;
     } else if (static_cast<std::uint32_t>(s >> 32) == h) {
       const std::uint32_t i = static_cast<std::uint32_t>(s) - 1;
-      if (keyOf(node(i)) == k) return {i, p};
+      Node& n = node(i);
+      if (keyOf(n) == k) return {i, p, &n};
     }
   }
 }

@@ -53,15 +53,16 @@ inline void HashMap<K, V, H, KeyOf>::Spill::Deleter::operator()(Spill* sp) const
 }
 
 template <class K, class V, class H, class KeyOf>
-inline std::uint32_t HashMap<K, V, H, KeyOf>::allocate() {
+inline auto HashMap<K, V, H, KeyOf>::allocate() -> std::pair<std::uint32_t, Node*> {
   if (free_ != kNil) {
     const std::uint32_t i = free_;
-    free_ = node(i).next;
-    return i;
+    Node* n = nodeAt(i);
+    free_ = n->next;
+    return {i, n};
   }
   if (blocks_ == 0) {  // node 0, inside the map
     blocks_ = 1;
-    return 0;
+    return {0, &first_};
   }
   const std::uint32_t b = blocks_;
   if (!spill_ || spill_->carved == (1u << b) - 1u) {  // every node made is in use
@@ -77,13 +78,11 @@ inline std::uint32_t HashMap<K, V, H, KeyOf>::allocate() {
     ++blocks_;
   }
   const std::uint32_t i = spill_->carved++;
-  ::new (static_cast<void*>(nodeAt(i))) Node;
-  return i;
+  return {i, ::new (static_cast<void*>(nodeAt(i))) Node};
 }
 
 template <class K, class V, class H, class KeyOf>
-inline void HashMap<K, V, H, KeyOf>::link(std::uint32_t i) {
-  Node& n = node(i);
+inline void HashMap<K, V, H, KeyOf>::link(std::uint32_t i, Node& n) {
   n.next = kNil;
   if (head_ == kNil) {
     head_ = i;
@@ -97,8 +96,7 @@ inline void HashMap<K, V, H, KeyOf>::link(std::uint32_t i) {
 }
 
 template <class K, class V, class H, class KeyOf>
-inline void HashMap<K, V, H, KeyOf>::unlink(std::uint32_t i) {
-  Node& n = node(i);
+inline void HashMap<K, V, H, KeyOf>::unlink(std::uint32_t i, Node& n) {
   if (i == head_) {
     head_ = n.next;
     if (head_ != kNil) node(head_).prev = n.prev;
@@ -114,10 +112,10 @@ inline void HashMap<K, V, H, KeyOf>::unlink(std::uint32_t i) {
 }
 
 template <class K, class V, class H, class KeyOf>
-inline void HashMap<K, V, H, KeyOf>::forget(std::uint32_t i, std::uint32_t h, std::size_t at) {
-  unlink(i);
+inline void HashMap<K, V, H, KeyOf>::forget(std::uint32_t i, Node& n, std::uint32_t h,
+                                            std::size_t at) {
+  unlink(i, n);
   if (!unindexed()) unplace(i, h, at);
-  Node& n = node(i);
   if constexpr (kKeyed) n.key = K{};
   n.next = free_;
   n.prev = kNil;
@@ -130,8 +128,11 @@ inline void HashMap<K, V, H, KeyOf>::trimHead() {
     release();
     return;
   }
-  while (head_ != kNil && !node(head_).live) {
-    forget(head_);
+  while (head_ != kNil) {
+    const std::uint32_t i = head_;
+    Node& n = node(i);
+    if (n.live) break;
+    forget(i, n, mix(keyOf(n)));
     --dead_;
   }
   if (indexed() == 0) release();
