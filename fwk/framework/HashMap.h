@@ -439,8 +439,10 @@ class HashMap {
     return 31u - static_cast<unsigned>(__builtin_clz(i + 1u));
   }
   std::uint32_t peekAt(std::size_t n) const {
-    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      if (node(i).live && n-- == 0) return i;
+    for (std::uint32_t i = head_; i != kNil;) {
+      const Node& at = node(i);
+      if (at.live && n-- == 0) return i;
+      i = at.next;
     }
     return kNil;
   }
@@ -449,8 +451,12 @@ class HashMap {
   // member n places after the first.
   std::uint32_t scoutNext(std::uint32_t i, std::size_t n) const {
     if (i >= carved() || !node(i).live) return peekAt(n);
-    for (i = node(i).next; i != kNil && !node(i).live;) i = node(i).next;
-    return i;
+    for (i = node(i).next; i != kNil;) {
+      const Node& at = node(i);
+      if (at.live) return i;
+      i = at.next;
+    }
+    return kNil;
   }
   // Inlined everywhere: a few instructions that a walk or an erasure runs several times a key,
   // which the compiler would otherwise call out of line.
@@ -573,8 +579,12 @@ class HashMap {
   // As forget, with node i and its key's hash already at hand.
   void forget(std::uint32_t i, Node& n, std::uint32_t h, std::size_t at = kNoSlot);
   Node* firstLive(std::uint32_t i) const {
-    while (i != kNil && !node(i).live) i = node(i).next;
-    return i == kNil ? nullptr : &node(i);
+    while (i != kNil) {
+      Node& n = node(i);
+      if (n.live) return &n;
+      i = n.next;
+    }
+    return nullptr;
   }
   // Tombstones at the front have no live member before them: forgetting them changes no walk
   // or resumption (a forgotten key resumes at the front, which is where its successor is), and
