@@ -7,9 +7,15 @@
 namespace InterfaceRouteInfo {
 
 Kel::TraceHandle* _defaultTraceHandle() {
-  static Kel::TraceHandle* const handle = Kel::traceHandle("InterfaceRouteInfo");
+  static Kel::TraceHandle* const handle = [] {
+    Kel::TraceHandle* h = Kel::traceHandle("InterfaceRouteInfo");
+    h->mirrorIs(&traceMask_);
+    return h;
+  }();
   return handle;
 }
+
+bool traceActiveSlow(int level) { return _defaultTraceHandle()->active(level); }
 
 void traceEmit(int level, const std::string& object, const std::string& message, int line,
                const char* function) {

@@ -88,6 +88,12 @@ TraceHandle::TraceHandle(std::string facility, std::uint32_t levels)
 
 void TraceHandle::refresh() {
   activeMask_ = (enabled_ ? levels_ : 0) | (TraceRegistry::instance().coverage() ? kAllLevels : 0);
+  if (mirror_) *mirror_ = activeMask_;
+}
+
+void TraceHandle::mirrorIs(std::uint32_t* mirror) {
+  mirror_ = mirror;
+  if (mirror_) *mirror_ = activeMask_;
 }
 
 void TraceHandle::enabledIs(bool on) {
