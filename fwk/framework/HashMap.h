@@ -262,23 +262,7 @@ class HashMap {
     return true;
   }
 
-  void clear() {
-    for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
-      Node& n = node(i);
-      if (!n.live) continue;
-      if constexpr (kInPlace) {
-        const KeyArg k = keyOf(n);
-        bury(n, k);
-      } else {
-        n.live = false;
-        --live_;
-        ++dead_;
-        n.value() = V{};
-      }
-    }
-    if (iterators_ == 0) trimHead();
-    maybePurge();
-  }
+  void clear();
 
   // A position in the walk. Keeps the collection from purging while it is alive.
   class Iterator {
@@ -343,28 +327,13 @@ class HashMap {
     return Iterator(this, firstLive(i));
   }
 
-  void purge() {
-    if (iterators_ != 0) return;
-    for (std::uint32_t i = head_; i != kNil;) {
-      Node& n = node(i);
-      const std::uint32_t next = n.next;
-      if (!n.live) forget(i, n, mix(keyOf(n)));
-      i = next;
-    }
-    dead_ = 0;
-    if (indexed() == 0) release();
-  }
+  // Forgets every tombstone, unless a walk is alive.
+  void purge();
 
   std::size_t tombstones() const { return dead_; }
   // Heap bytes held beyond the map object: the node blocks after the first, the spill with its
   // block pointers, and the index.
-  std::size_t heapBytes() const {
-    if (!spill_) return 0;
-    std::size_t nodes = 0;
-    for (unsigned b = 1; b < blocks_; ++b) nodes += std::size_t{1} << b;
-    return nodes * sizeof(Node) + sizeof(Spill) + spill_->moreCount * sizeof(Node*) +
-           std::size_t{spill_->slotCount} * sizeof(std::uint64_t);
-  }
+  std::size_t heapBytes() const;
 
   // Cache hints for a loop that will look keys up a few steps from now (a drain taking a
   // backlog's members in order): nothing is read that may miss, and nothing changes.
@@ -376,9 +345,9 @@ class HashMap {
   void prefetchSlot(const K& k) const {
     if (!unindexed()) prefetch(&spill_->slots[home(mix(k))]);
   }
-  // For a key about to be inserted: its home slot's line and the next. The probe of an absent
-  // key walks to the end of its run, two to three slots with the index two thirds full, and so
-  // goes past its home line about as often as the run crosses a line boundary.
+  // For a key about to be inserted: the lines of its home slot and of the slot three on (the
+  // next line when the home slot is one of the last three of its line). The probe of an absent
+  // key walks to the end of its run, two to three slots with the index two thirds full.
   void prefetchRun(const K& k) const {
     if (unindexed()) return;
     const std::size_t p = home(mix(k));
@@ -438,26 +407,12 @@ class HashMap {
   static unsigned blockOf(std::uint32_t i) {
     return 31u - static_cast<unsigned>(__builtin_clz(i + 1u));
   }
-  std::uint32_t peekAt(std::size_t n) const {
-    for (std::uint32_t i = head_; i != kNil;) {
-      const Node& at = node(i);
-      if (at.live && n-- == 0) return i;
-      i = at.next;
-    }
-    return kNil;
-  }
+  // The live member n places after the first, or kNil.
+  std::uint32_t peekAt(std::size_t n) const;
   const K* at(std::uint32_t i) const { return i == kNil ? nullptr : &keyOf(node(i)); }
   // The live member after node i when i is a live node of the current storage; otherwise the
   // member n places after the first.
-  std::uint32_t scoutNext(std::uint32_t i, std::size_t n) const {
-    if (i >= carved() || !node(i).live) return peekAt(n);
-    for (i = node(i).next; i != kNil;) {
-      const Node& at = node(i);
-      if (at.live) return i;
-      i = at.next;
-    }
-    return kNil;
-  }
+  std::uint32_t scoutNext(std::uint32_t i, std::size_t n) const;
   // Inlined everywhere: a few instructions that a walk or an erasure runs several times a key,
   // which the compiler would otherwise call out of line.
   [[gnu::always_inline]] Node& node(std::uint32_t i) const { return *nodeAt(i); }

@@ -2,7 +2,8 @@
 // of 2^b nodes that hold the members and never move (each node built when first handed out, held
 // biased in the spill, dropped with it), the free list through nodes given back, and the order
 // list in first-insertion order, with the tombstones that a walk alive keeps and that the front
-// and an emptied collection let go.
+// and an emptied collection let go; the walks over that list (clear, purge, peek, a scout's step)
+// and the bytes the storage holds.
 #pragma once
 
 #include "fwk/framework/HashMap.h"
@@ -145,6 +146,68 @@ inline void HashMap<K, V, H, KeyOf>::release() {
   head_ = free_ = kNil;
   dead_ = 0;
   if constexpr (kKeyed) first_.key = K{};
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::clear() {
+  for (std::uint32_t i = head_; i != kNil; i = node(i).next) {
+    Node& n = node(i);
+    if (!n.live) continue;
+    if constexpr (kInPlace) {
+      const KeyArg k = keyOf(n);
+      bury(n, k);
+    } else {
+      n.live = false;
+      --live_;
+      ++dead_;
+      n.value() = V{};
+    }
+  }
+  if (iterators_ == 0) trimHead();
+  maybePurge();
+}
+
+template <class K, class V, class H, class KeyOf>
+inline void HashMap<K, V, H, KeyOf>::purge() {
+  if (iterators_ != 0) return;
+  for (std::uint32_t i = head_; i != kNil;) {
+    Node& n = node(i);
+    const std::uint32_t next = n.next;
+    if (!n.live) forget(i, n, mix(keyOf(n)));
+    i = next;
+  }
+  dead_ = 0;
+  if (indexed() == 0) release();
+}
+
+template <class K, class V, class H, class KeyOf>
+inline std::size_t HashMap<K, V, H, KeyOf>::heapBytes() const {
+  if (!spill_) return 0;
+  std::size_t nodes = 0;
+  for (unsigned b = 1; b < blocks_; ++b) nodes += std::size_t{1} << b;
+  return nodes * sizeof(Node) + sizeof(Spill) + spill_->moreCount * sizeof(Node*) +
+         std::size_t{spill_->slotCount} * sizeof(std::uint64_t);
+}
+
+template <class K, class V, class H, class KeyOf>
+inline std::uint32_t HashMap<K, V, H, KeyOf>::peekAt(std::size_t n) const {
+  for (std::uint32_t i = head_; i != kNil;) {
+    const Node& at = node(i);
+    if (at.live && n-- == 0) return i;
+    i = at.next;
+  }
+  return kNil;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline std::uint32_t HashMap<K, V, H, KeyOf>::scoutNext(std::uint32_t i, std::size_t n) const {
+  if (i >= carved() || !node(i).live) return peekAt(n);
+  for (i = node(i).next; i != kNil;) {
+    const Node& at = node(i);
+    if (at.live) return i;
+    i = at.next;
+  }
+  return kNil;
 }
 
 }  // namespace Kel
