@@ -70,10 +70,9 @@ class TraceHandle {
   bool active(int level) const {
     return level >= 0 && level < kTraceLevelCount && ((activeMask_ >> level) & 1) != 0;
   }
-  // The mask of active levels, also written to *mirror from now on whenever it changes (null:
-  // nowhere): a caller that checks levels millions of times reads its own copy, one load with
-  // no handle to find first.
-  std::uint32_t activeMask() const { return activeMask_; }
+  // Writes the mask of active levels to *mirror, now and whenever it changes (null: nowhere): a
+  // caller that checks levels millions of times reads its own copy, one load with no handle to
+  // find first.
   void mirrorIs(std::uint32_t* mirror);
 
   // Hands one performed statement to the coverage stream and, when its level is enabled, to the
