@@ -242,24 +242,12 @@ class HashMap {
       V old;  // released once the map is consistent
       return erase(key, old);
     } else {
-      const KeyArg k = key;
-      const std::uint32_t h = mix(k);
-      const Probe f = probe(k, h);
-      if (!f.at || !f.at->live) return false;
-      bury(*f.at, k);
-      settleErased(f.node, *f.at, h, f.slot);
-      return true;
+      return eraseWith(key, [this](Node& n, const K& k) { bury(n, k); });
     }
   }
   // As erase, and the value moves to `out` (one walk where find and erase take two).
   bool erase(const K& key, V& out) requires(!kInPlace) {
-    const KeyArg k = key;
-    const std::uint32_t h = mix(k);
-    const Probe f = probe(k, h);
-    if (!f.at || !f.at->live) return false;
-    takeOut(*f.at, out);
-    settleErased(f.node, *f.at, h, f.slot);
-    return true;
+    return eraseWith(key, [this, &out](Node& n, const K&) { takeOut(n, out); });
   }
 
   void clear();
@@ -444,6 +432,18 @@ class HashMap {
     ++dead_;
     n.value().~V();
     if constexpr (!kKeyed) keyIs(n, k);
+  }
+  // The erasure both kinds of value share: one walk of k's probe run, then makeTombstone(node, k)
+  // makes the live node a tombstone, and the tombstone is settled.
+  template <class Bury>
+  bool eraseWith(const K& key, Bury&& makeTombstone) {
+    const KeyArg k = key;
+    const std::uint32_t h = mix(k);
+    const Probe f = probe(k, h);
+    if (!f.at || !f.at->live) return false;
+    makeTombstone(*f.at, k);
+    settleErased(f.node, *f.at, h, f.slot);
+    return true;
   }
   // Makes the live node n a tombstone, its value moved to `out` (a movable value's node keeps
   // its key).

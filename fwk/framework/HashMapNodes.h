@@ -157,10 +157,8 @@ inline void HashMap<K, V, H, KeyOf>::clear() {
       const KeyArg k = keyOf(n);
       bury(n, k);
     } else {
-      n.live = false;
-      --live_;
-      ++dead_;
-      n.value() = V{};
+      V old;
+      takeOut(n, old);
     }
   }
   if (iterators_ == 0) trimHead();
