@@ -77,7 +77,10 @@ std::string traceObjectName(const T* self) {
 }
 
 inline const char* functionSignature(std::nullptr_t, const char* pretty) { return pretty; }
-inline const char* functionSignature(const std::string& own, const char*) { return own.c_str(); }
+// A function's own signature (IRI_SIGNATURE): made on the first trace that names it.
+template <class Own>
+requires std::is_invocable_r_v<const std::string&, const Own&>
+const char* functionSignature(const Own& own, const char*) { return own().c_str(); }
 
 template <class... Parts>
 std::string signatureOf(const Parts&... parts) {
@@ -91,22 +94,35 @@ std::string signatureOf(const Parts&... parts) {
 // Seen by every function that did not declare its own signature (see above).
 inline constexpr std::nullptr_t iriFunctionSignature_ = nullptr;
 
+// Inside a trace statement, the enclosing function's name (iriPrettyFunction_ is that function's
+// __PRETTY_FUNCTION__, taken before the statement's out-of-line body, whose own would name it).
 #define IRI_FUNCTION_NAME_() \
-  ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, __PRETTY_FUNCTION__)
+  ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, iriPrettyFunction_)
 
-#define IRI_SIGNATURE(...)                                                                         \
-  static const std::string iriFunctionSignature_ = ::InterfaceRouteInfo::signatureOf(__VA_ARGS__); \
-  static_assert(std::is_same_v<decltype(iriFunctionSignature_), const std::string>)
+// The signature is a function-local static made by the first call of the empty object declared
+// here, which only a trace or an assertion that fires makes: a call with tracing off does not
+// test the static's guard.
+#define IRI_SIGNATURE(...)                                                       \
+  const auto iriFunctionSignature_ = []() -> const std::string& {                \
+    static const std::string s = ::InterfaceRouteInfo::signatureOf(__VA_ARGS__); \
+    return s;                                                                    \
+  }
 
-#define IRI_TRACE_OBJ_(object, level, expr)                                           \
-  do {                                                                                \
-    if (::InterfaceRouteInfo::traceActive(level)) {                                   \
-      std::ostringstream iriTraceStream_;                                             \
-      iriTraceStream_.precision(12);                                                  \
-      iriTraceStream_ << expr;                                                        \
-      ::InterfaceRouteInfo::traceEmit(level, object, iriTraceStream_.str(), __LINE__, \
-                                      IRI_FUNCTION_NAME_());                          \
-    }                                                                                 \
+// The formatting is an out-of-line, cold lambda: the function that traces keeps a small frame
+// and, with the level off, pays the mask test and a branch.
+#define IRI_TRACE_OBJ_(object, level, expr)                                             \
+  do {                                                                                  \
+    if (::InterfaceRouteInfo::traceActive(level)) {                                     \
+      const char* const iriPrettyFunction_ = __PRETTY_FUNCTION__;                       \
+      [&]() __attribute__((noinline, cold)) {                                           \
+        std::ostringstream iriTraceStream_;                                             \
+        iriTraceStream_.precision(12);                                                  \
+        iriTraceStream_ << expr;                                                        \
+        ::InterfaceRouteInfo::traceEmit(level, object, iriTraceStream_.str(), __LINE__, \
+                                        IRI_FUNCTION_NAME_());                          \
+      }                                                                                 \
+      ();                                                                               \
+    }                                                                                   \
   } while (0)
 
 #define IRI_TRACE(level, expr) \
@@ -116,8 +132,11 @@ inline constexpr std::nullptr_t iriFunctionSignature_ = nullptr;
 #define IRI_TRACE_BEGIN() IRI_TRACE(8, IRI_FUNCTION_NAME_() << "BEGIN")
 #define IRI_TRACE_END() IRI_TRACE(8, IRI_FUNCTION_NAME_() << "END")
 
-#define IRI_ASSERT_TEXT(expr, text)                                                        \
-  do {                                                                                     \
-    if (!(expr)) ::InterfaceRouteInfo::assertFailed(text, __LINE__, IRI_FUNCTION_NAME_()); \
+#define IRI_ASSERT_TEXT(expr, text)                                                             \
+  do {                                                                                          \
+    if (!(expr))                                                                                \
+      ::InterfaceRouteInfo::assertFailed(                                                       \
+          text, __LINE__,                                                                       \
+          ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, __PRETTY_FUNCTION__)); \
   } while (0)
 #define IRI_ASSERT(expr) IRI_ASSERT_TEXT(expr, #expr)

@@ -91,14 +91,22 @@ class NotifierBase {
   ~NotifierBase();
 
   // Calls f(N&) for every notifiee of the snapshot that is still registered and active.
+  // Inline up to one notifiee (most notifiers have none or one, and a mutator notifies once a
+  // change); the snapshot of a longer list is taken out of line.
   template <class N, class F>
-  void deliver(F&& f) const {
+  [[gnu::always_inline]] void deliver(F&& f) const {
     if (regs_.empty()) return;
     if (regs_.size() == 1) {  // common case: no copy of the list
       NotifieeBase* n = regs_[0];
       if (n->active_) f(static_cast<N&>(*n));
       return;
     }
+    deliverToMany<N>(f);
+  }
+
+ private:
+  template <class N, class F>
+  [[gnu::noinline]] void deliverToMany(F& f) const {
     const std::vector<Reg> snapshot = regs_.snapshot();
     for (const Reg& r : snapshot) {
       if (!stillRegistered(r) || !r.notifiee->active_) continue;
@@ -106,7 +114,6 @@ class NotifierBase {
     }
   }
 
- private:
   friend class NotifieeBase;
   // A registration as a delivery's snapshot holds it: the notifiee and its serial then. The list
   // itself keeps only the notifiees; a registered one's serial is its own serial_.
