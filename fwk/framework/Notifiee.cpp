@@ -17,13 +17,6 @@ void NotifieeBase::isRegisteredNotifieeIs(bool registered) {
   }
 }
 
-void NotifieeBase::notifierBaseIs(const NotifierBase* n) {
-  if (n == notifier_) return;
-  if (notifier_ && isRegisteredNotifiee()) notifier_->remove(this);
-  notifier_ = n;
-  if (notifier_) notifier_->add(this);
-}
-
 NotifierBase::~NotifierBase() {
   for (std::size_t i = 0; i < regs_.size(); ++i) {
     regs_[i]->notifier_ = nullptr;

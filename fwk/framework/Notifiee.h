@@ -25,7 +25,7 @@ enum class LifeEvent { isNondestructing, zeroReferences };
 
 class NotifieeBase {
  public:
-  NotifieeBase() {
+  [[gnu::always_inline]] NotifieeBase() {
     if (collector_) collector_->push_back(this);
   }
   NotifieeBase(const NotifieeBase&) = delete;
@@ -61,7 +61,7 @@ class NotifieeBase {
 
  protected:
   // Unregisters from the previous notifier, then registers with n (null: watches nothing).
-  void notifierBaseIs(const NotifierBase* n);
+  inline void notifierBaseIs(const NotifierBase* n);
   const NotifierBase* notifierBase() const { return notifier_; }
   // Two bytes that would otherwise be padding, for a notifiee made by the million to name its
   // owner by a Kel::Handle (0 until set).
@@ -178,5 +178,12 @@ class NotifierBase {
   void remove(NotifieeBase* n) const;
   mutable RegList regs_;
 };
+
+inline void NotifieeBase::notifierBaseIs(const NotifierBase* n) {
+  if (n == notifier_) return;
+  if (notifier_ && isRegisteredNotifiee()) notifier_->remove(this);
+  notifier_ = n;
+  if (notifier_) notifier_->add(this);
+}
 
 }  // namespace Kel
