@@ -1,5 +1,6 @@
 // What the full-scale benchmarks share: the bytes the process holds (live heap bytes counted by
-// the program's own operator new/delete, plus the daemon's record pages; include this header in
+// the program's own operator new/delete, plus the daemon's record pages and the collections'
+// large blocks, which have mappings of their own; include this header in
 // exactly one file of a benchmark program), process CPU and wall time, and a run of the activity
 // loop on the real clock that times every pass.
 #pragma once
@@ -17,6 +18,7 @@
 
 #include "fwk/daemon/rt_table.h"
 #include "fwk/framework/ActivityManager.h"
+#include "fwk/framework/PageHint.h"
 
 namespace BenchSupport {
 inline std::atomic<long long> liveBytes{0};
@@ -42,10 +44,10 @@ inline std::atomic<long long> liveBytes{0};
 
 namespace BenchSupport {
 
-// What the process holds: live heap bytes plus the daemon's record pages, which live outside
-// the heap.
+// What the process holds: live heap bytes plus the daemon's record pages and the collections'
+// large blocks, which live outside the heap.
 inline long long processBytes() {
-  return liveBytes.load() + static_cast<long long>(rt_record_bytes());
+  return liveBytes.load() + static_cast<long long>(rt_record_bytes() + Kel::bigBlockBytes());
 }
 
 // The whole process's resident memory, as the system counts it (what a peer daemon's figure

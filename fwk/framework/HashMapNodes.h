@@ -31,7 +31,7 @@ template <class K, class V, class H, class KeyOf>
 inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b) -> Node* {
   static_assert(std::is_nothrow_default_constructible_v<Node>);
   static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-  return static_cast<Node*>(::operator new((std::size_t{1} << b) * sizeof(Node)));
+  return static_cast<Node*>(bigBlockNew((std::size_t{1} << b) * sizeof(Node)));
 }
 
 template <class K, class V, class H, class KeyOf>
@@ -41,7 +41,7 @@ inline void HashMap<K, V, H, KeyOf>::Spill::dropBlock(Node* block, unsigned b,
   const std::uint32_t base = (1u << b) - 1u;
   const std::uint32_t built = carved <= base ? 0 : std::min(carved - base, 1u << b);
   std::destroy_n(block, built);
-  ::operator delete(static_cast<void*>(block));
+  bigBlockDelete(block, (std::size_t{1} << b) * sizeof(Node));
 }
 
 template <class K, class V, class H, class KeyOf>
