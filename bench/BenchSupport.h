@@ -18,7 +18,7 @@
 
 #include "fwk/daemon/rt_table.h"
 #include "fwk/framework/ActivityManager.h"
-#include "fwk/framework/PageHint.h"
+#include "fwk/framework/BigBlock.h"
 
 namespace BenchSupport {
 inline std::atomic<long long> liveBytes{0};

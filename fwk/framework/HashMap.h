@@ -43,7 +43,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "fwk/framework/PageHint.h"
+#include "fwk/framework/BigBlock.h"
 #include "fwk/framework/Prefetch.h"
 
 namespace Kel {
@@ -107,8 +107,15 @@ class HashMap {
   // separate array of block pointers would. A block is held biased: as the address its node 0
   // would have if the block began with the collection's node 0, so node i is at that address plus
   // i nodes, without taking the block's first index off (a node is found tens of times a key).
+  // The index's slots come from bigBlockNew: a large index has pages of its own.
+  struct SlotsDeleter {
+    std::size_t count = 0;
+    void operator()(std::uint64_t* p) const noexcept {
+      bigBlockDelete(p, count * sizeof(std::uint64_t));
+    }
+  };
   struct Spill {
-    std::unique_ptr<std::uint64_t[]> slots;
+    std::unique_ptr<std::uint64_t[], SlotsDeleter> slots;
     std::uint32_t slotCount =
         0;                   // 16, 24, 32, 48, ... (grown()), or 0 while the collection is small
     std::uint32_t gone = 0;  // slots marked kGone

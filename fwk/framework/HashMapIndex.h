@@ -80,11 +80,11 @@ inline void HashMap<K, V, H, KeyOf>::placeAt(std::size_t p, std::uint32_t h, std
 
 template <class K, class V, class H, class KeyOf>
 inline void HashMap<K, V, H, KeyOf>::rehash(std::size_t cap) {
-  // A large index is read at random, one slot per key: huge pages where it has whole ones
-  // (asked for before the slots are first written, which is when the pages are made).
-  std::unique_ptr<std::uint64_t[]> old(new std::uint64_t[cap]);
-  hugePagesHint(old.get(), cap * sizeof(std::uint64_t));
-  std::fill_n(old.get(), cap, std::uint64_t{0});
+  // A large index is read at random, one slot per key: huge pages (see bigBlockNew), and its
+  // fresh pages are zero already, so they are first written by the keys placed in them.
+  std::unique_ptr<std::uint64_t[], SlotsDeleter> old(
+      static_cast<std::uint64_t*>(bigBlockNewZeroed(cap * sizeof(std::uint64_t))),
+      SlotsDeleter{cap});
   old.swap(spill().slots);
   const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
   spill_->gone = 0;

@@ -1,8 +1,6 @@
-// The huge-page hint marks exactly the whole 2 MB pages inside the range it is given: never
-// memory before or after it, which belongs to other allocations. A big block from 2 MB up is a
-// mapping of its own, aligned, marked, rounded up to whole huge pages and counted as requested.
+// A big block from 2 MB up is a mapping of its own, aligned, marked for huge pages, rounded up
+// to whole huge pages, counted as asked for, and gone with nothing left once given back.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -12,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "fwk/framework/PageHint.h"
+#include "fwk/framework/BigBlock.h"
 
 namespace {
 
@@ -37,38 +35,7 @@ std::vector<std::pair<std::uintptr_t, std::uintptr_t>> hugeRanges(bool hugeOnly 
   return out;
 }
 
-TEST(PageHint, MarksTheWholeHugePagesInsideTheRangeAndNothingElse) {
-  if (!std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled")) {
-    GTEST_SKIP() << "this system has no huge pages to advise";
-  }
-  using Ranges = std::vector<std::pair<std::uintptr_t, std::uintptr_t>>;
-  constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
-  const std::size_t span = 12 * kHuge;
-  void* map = mmap(nullptr, span, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(map, MAP_FAILED);
-  const std::uintptr_t base = (reinterpret_cast<std::uintptr_t>(map) + kHuge - 1) & ~(kHuge - 1);
-  auto at = [&](std::uintptr_t offset) { return reinterpret_cast<void*>(base + offset); };
-  auto marked = [&] {
-    Ranges got;
-    for (auto r : hugeRanges()) {
-      if (r.first < base + 10 * kHuge && r.second > base) got.push_back(r);
-    }
-    return got;
-  };
-  // Less than one whole page, though it spans a boundary: nothing.
-  Kel::hugePagesHint(at(kHuge - 4096), kHuge);
-  EXPECT_EQ(marked(), Ranges{});
-  // One byte short of a page at either end: the pages in between only.
-  Kel::hugePagesHint(at(1), 5 * kHuge - 2);
-  EXPECT_EQ(marked(), (Ranges{{base + kHuge, base + 4 * kHuge}}));
-  // Exactly whole pages: all of them.
-  Kel::hugePagesHint(at(6 * kHuge), 2 * kHuge);
-  EXPECT_EQ(marked(),
-            (Ranges{{base + kHuge, base + 4 * kHuge}, {base + 6 * kHuge, base + 8 * kHuge}}));
-  munmap(map, span);
-}
-
-TEST(PageHint, BigBlocksFromTwoMegabytesAreMarkedMappingsOfTheirOwn) {
+TEST(BigBlock, BigBlocksFromTwoMegabytesAreMarkedMappingsOfTheirOwn) {
   if (!std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled")) {
     GTEST_SKIP() << "this system has no huge pages to advise";
   }

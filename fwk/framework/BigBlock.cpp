@@ -1,6 +1,7 @@
-#include "fwk/framework/PageHint.h"
+#include "fwk/framework/BigBlock.h"
 
 #include <cstdint>
+#include <cstring>
 #include <new>
 
 #if defined(__linux__)
@@ -41,6 +42,12 @@ void* bigBlockNew(std::size_t bytes) {
 #endif
 }
 
+void* bigBlockNewZeroed(std::size_t bytes) {
+  void* p = bigBlockNew(bytes);
+  if (!kOwnMappings || bytes < kHuge) std::memset(p, 0, bytes);
+  return p;
+}
+
 void bigBlockDelete(void* p, std::size_t bytes) noexcept {
   if (!p) return;
   if (!kOwnMappings || bytes < kHuge) {
@@ -54,15 +61,5 @@ void bigBlockDelete(void* p, std::size_t bytes) noexcept {
 }
 
 std::size_t bigBlockBytes() { return mappedBytes; }
-
-void hugePagesHint([[maybe_unused]] void* p, [[maybe_unused]] std::size_t bytes) {
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-  const auto begin = reinterpret_cast<std::uintptr_t>(p);
-  const std::uintptr_t first = (begin + kHuge - 1) & ~(kHuge - 1);
-  const std::uintptr_t last = (begin + bytes) & ~(kHuge - 1);
-  if (last <= first) return;
-  madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
-#endif
-}
 
 }  // namespace Kel
