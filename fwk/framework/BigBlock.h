@@ -1,10 +1,9 @@
-// Kel::bigBlockNew: memory for the large arrays of a collection of a million members (its node
-// blocks and its index), which are read at random. From 2 MB up it is a mapping of its own,
-// aligned to 2 MB and marked for huge pages where the system offers them: one translation then
-// covers 2 MB instead of 4 KB (a lookup's cache line is not behind a translation miss, and a
-// prefetch of it is not lost to one), and the memory is first written at one page fault per
-// 2 MB instead of one per 4 KB. The mark covers nothing else: memory the C library reuses for
-// other objects never inherits it. Smaller requests come from operator new.
+// Kel::bigBlockNew: memory for a large array read at random (the index of a collection of a
+// million members). From 2 MB up it is a mapping of its own, aligned to 2 MB and marked for huge
+// pages where the system offers them: one translation then covers 2 MB instead of 4 KB (a
+// lookup's cache line is not behind a translation miss, and a prefetch of it is not lost to one).
+// The mark covers nothing else: memory the C library reuses for other objects never inherits it.
+// Smaller requests come from operator new.
 // bigBlockNewZeroed gives zeroed memory (a mapping's fresh pages are: nothing is written then);
 // bigBlockDelete(p, bytes) gives either back, with the bytes asked for. bigBlockBytes() is what
 // the mappings hold now, as asked for (the benchmarks add it to the heap's bytes).

@@ -31,7 +31,9 @@ template <class K, class V, class H, class KeyOf>
 inline auto HashMap<K, V, H, KeyOf>::Spill::makeBlock(unsigned b) -> Node* {
   static_assert(std::is_nothrow_default_constructible_v<Node>);
   static_assert(alignof(Node) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
-  return static_cast<Node*>(bigBlockNew((std::size_t{1} << b) * sizeof(Node)));
+  // Plain heap memory, not a big block: see bigBlockNew in ARCHITECTURE.md for why node blocks
+  // are not backed by huge pages.
+  return static_cast<Node*>(::operator new((std::size_t{1} << b) * sizeof(Node)));
 }
 
 template <class K, class V, class H, class KeyOf>
@@ -41,7 +43,7 @@ inline void HashMap<K, V, H, KeyOf>::Spill::dropBlock(Node* block, unsigned b,
   const std::uint32_t base = (1u << b) - 1u;
   const std::uint32_t built = carved <= base ? 0 : std::min(carved - base, 1u << b);
   std::destroy_n(block, built);
-  bigBlockDelete(block, (std::size_t{1} << b) * sizeof(Node));
+  ::operator delete(static_cast<void*>(block));
 }
 
 template <class K, class V, class H, class KeyOf>
