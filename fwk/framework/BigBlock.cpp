@@ -11,53 +11,56 @@
 namespace Kel {
 
 namespace {
-constexpr std::uintptr_t kHuge = std::uintptr_t{2} << 20;
+constexpr std::size_t kHuge = std::size_t{2} << 20;
 std::size_t mappedBytes = 0;
 
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
-constexpr bool kOwnMappings = true;
+// Whether a block of `bytes` is a mapping of its own.
+bool mapped(std::size_t bytes) { return bytes >= kHuge; }
 std::size_t roundedUp(std::size_t bytes) { return (bytes + kHuge - 1) & ~(kHuge - 1); }
 #else
-constexpr bool kOwnMappings = false;
+bool mapped(std::size_t) { return false; }
 #endif
 }  // namespace
 
 void* bigBlockNew(std::size_t bytes) {
-  if (!kOwnMappings || bytes < kHuge) return ::operator new(bytes);
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
-  // Map one huge page more than needed, then unmap the unaligned head and the tail beyond.
-  const std::size_t size = roundedUp(bytes);
-  void* raw =
-      mmap(nullptr, size + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (raw == MAP_FAILED) throw std::bad_alloc();
-  const auto begin = reinterpret_cast<std::uintptr_t>(raw);
-  const std::uintptr_t aligned = (begin + kHuge - 1) & ~(kHuge - 1);
-  if (aligned > begin) munmap(raw, aligned - begin);
-  const std::uintptr_t end = begin + size + kHuge;
-  if (end > aligned + size) munmap(reinterpret_cast<void*>(aligned + size), end - aligned - size);
-  // Advice the kernel cannot take (huge pages off) changes nothing; there is nothing to report.
-  madvise(reinterpret_cast<void*>(aligned), size, MADV_HUGEPAGE);
-  mappedBytes += bytes;
-  return reinterpret_cast<void*>(aligned);
+  if (mapped(bytes)) {
+    // Map one huge page more than needed, then unmap the unaligned head and the tail beyond.
+    const std::size_t size = roundedUp(bytes);
+    void* raw =
+        mmap(nullptr, size + kHuge, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (raw == MAP_FAILED) throw std::bad_alloc();
+    const auto begin = reinterpret_cast<std::uintptr_t>(raw);
+    const std::uintptr_t aligned = (begin + kHuge - 1) & ~std::uintptr_t{kHuge - 1};
+    if (aligned > begin) munmap(raw, aligned - begin);
+    const std::uintptr_t end = begin + size + kHuge;
+    if (end > aligned + size) munmap(reinterpret_cast<void*>(aligned + size), end - aligned - size);
+    // Advice the kernel cannot take (huge pages off) changes nothing; there is nothing to report.
+    madvise(reinterpret_cast<void*>(aligned), size, MADV_HUGEPAGE);
+    mappedBytes += bytes;
+    return reinterpret_cast<void*>(aligned);
+  }
 #endif
+  return ::operator new(bytes);
 }
 
 void* bigBlockNewZeroed(std::size_t bytes) {
   void* p = bigBlockNew(bytes);
-  if (!kOwnMappings || bytes < kHuge) std::memset(p, 0, bytes);
+  if (!mapped(bytes)) std::memset(p, 0, bytes);
   return p;
 }
 
 void bigBlockDelete(void* p, std::size_t bytes) noexcept {
   if (!p) return;
-  if (!kOwnMappings || bytes < kHuge) {
-    ::operator delete(p);
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+  if (mapped(bytes)) {
+    munmap(p, roundedUp(bytes));
+    mappedBytes -= bytes;
     return;
   }
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-  munmap(p, roundedUp(bytes));
-  mappedBytes -= bytes;
 #endif
+  ::operator delete(p);
 }
 
 std::size_t bigBlockBytes() { return mappedBytes; }
