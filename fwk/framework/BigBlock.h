@@ -18,4 +18,11 @@ void* bigBlockNewZeroed(std::size_t bytes);
 void bigBlockDelete(void* p, std::size_t bytes) noexcept;
 std::size_t bigBlockBytes();
 
+// The deleter of a std::unique_ptr<T[]> whose array of `count` came from bigBlockNew.
+template <class T>
+struct BigArrayDeleter {
+  std::size_t count = 0;
+  void operator()(T* p) const noexcept { bigBlockDelete(p, count * sizeof(T)); }
+};
+
 }  // namespace Kel

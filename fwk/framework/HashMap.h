@@ -107,13 +107,7 @@ class HashMap {
   // separate array of block pointers would. A block is held biased: as the address its node 0
   // would have if the block began with the collection's node 0, so node i is at that address plus
   // i nodes, without taking the block's first index off (a node is found tens of times a key).
-  // The index's slots come from bigBlockNew: a large index has pages of its own.
-  struct SlotsDeleter {
-    std::size_t count = 0;
-    void operator()(std::uint64_t* p) const noexcept {
-      bigBlockDelete(p, count * sizeof(std::uint64_t));
-    }
-  };
+  using SlotsDeleter = BigArrayDeleter<std::uint64_t>;  // a large index has pages of its own
   struct Spill {
     std::unique_ptr<std::uint64_t[], SlotsDeleter> slots;
     std::uint32_t slotCount =
