@@ -118,6 +118,37 @@ struct WatchedKey {
 template <class Key, class Adapter>
 using NotifieeMap = HashMap<Key, Adapter, std::hash<Key>, WatchedKey>;
 
+namespace detail {
+// The walk of the innermost generated xDelAll() running: its collection and its iterator, which
+// stands on the member whose deletion it is notifying.
+struct DelAllWalk {
+  const void* map = nullptr;
+  const void* it = nullptr;
+};
+inline DelAllWalk delAllWalk;
+// Names the walk while it lives, and restores the one it hides (a notifiee may run another).
+struct DelAllWalkScope {
+  DelAllWalkScope(const void* map, const void* it) : saved(delAllWalk) { delAllWalk = {map, it}; }
+  ~DelAllWalkScope() { delAllWalk = saved; }
+  DelAllWalkScope(const DelAllWalkScope&) = delete;
+  DelAllWalkScope& operator=(const DelAllWalkScope&) = delete;
+  DelAllWalk saved;
+};
+}  // namespace detail
+
+// A generated lookup: k's value in m, or null. While m's xDelAll() notifies about a member (a
+// notifiee asking whether that key is still there), that key is answered from the walk's node,
+// so the withdraw-all does not read the index for it.
+template <class Map, class K>
+[[gnu::always_inline]] inline auto lookupMember(const Map& m, const K& k) -> decltype(m.find(k)) {
+  if (detail::delAllWalk.map == &m) [[unlikely]] {
+    const auto [v, on] =
+        m.atWalk(*static_cast<const typename Map::Iterator*>(detail::delAllWalk.it), k);
+    if (on) return v;
+  }
+  return m.find(k);
+}
+
 // A notifiee a reactor adds to a NOTIFIEES collection takes the reactor's delivery switch.
 template <class Owner>
 void followDeliverySwitch(const Owner& owner, NotifieeBase& n) {
@@ -279,7 +310,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_MEMBER_COLLECTION(name, Cap, Key, Value)                                               \
  public:                                                                                           \
   Value name(const Key& k) const {                                                                 \
-    const Value* v = name##_.find(k);                                                              \
+    const Value* v = ::Kel::lookupMember(name##_, k);                                              \
     return v ? *v : Value{};                                                                       \
   }                                                                                                \
   void name##Is(const Key& k, const Value& v) {                                                    \
@@ -341,10 +372,11 @@ void checkReinstantiation(const T& existing, const Args&... args) {
   void name##DelAll() {                                                       \
     auto ahead = name##_.begin();                                             \
     for (std::size_t i = 0; i < ::Kel::kPrefetchAhead && ahead; ++i) ++ahead; \
-    for (auto it = name##_.begin(); it; ++it) {                               \
+    auto it = name##_.begin();                                                \
+    const ::Kel::detail::DelAllWalkScope kelWalk(&name##_, &it);              \
+    for (; it; ++it) {                                                        \
       if (ahead) {                                                            \
         const Key& a = ahead.key();                                           \
-        name##_.prefetchSlot(a);                                              \
         ::Kel::prefetchPointee(ahead.value());                                \
         kelNotify([&a](Notifiee& n) { n.on##Cap##kelAhead(a); });             \
         ++ahead;                                                              \
@@ -360,7 +392,7 @@ void checkReinstantiation(const T& existing, const Args&... args) {
 #define KEL_PTR_MEMBERS_(name, Cap, Key, Type)                                              \
  public:                                                                                    \
   ::Kel::Ptr<Type> name(const Key& k) const {                                               \
-    const ::Kel::Ptr<Type>* v = name##_.find(k);                                            \
+    const ::Kel::Ptr<Type>* v = ::Kel::lookupMember(name##_, k);                            \
     return v ? *v : ::Kel::Ptr<Type>();                                                     \
   }                                                                                         \
   KEL_DEL_ALL_(name, Cap, Key, ::Kel::Ptr<Type>)                                            \

@@ -308,6 +308,10 @@ class HashMap {
     return true;
   }
 
+  // For a lookup while a walk is alive: when `it` stands on k's node, {k's value or null when
+  // it was erased meanwhile, true}, found without the index; otherwise {null, false}.
+  std::pair<const V*, bool> atWalk(const Iterator& it, const K& k) const;
+
   Iterator begin() const { return Iterator(this, firstLive(head_)); }
   Iterator end() const { return Iterator(); }
   Iterator resumeAt(const K& k) const {
@@ -343,15 +347,7 @@ class HashMap {
     prefetch(&spill_->slots[p]);
     if (p + 3 < spill_->slotCount) prefetch(&spill_->slots[p + 3]);
   }
-  const V* prefetchNode(const K& k) const {
-    if (unindexed()) return nullptr;
-    const std::uint32_t h = mix(k);
-    const std::uint64_t s = spill_->slots[home(h)];
-    if (s == 0 || s == kGone || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
-    const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
-    prefetch(n);
-    return n->cell.at();
-  }
+  const V* prefetchNode(const K& k) const;
   // The key of the live member `n` places after the first in order (0: the first), or null
   // when there are not that many; walks n + 1 members.
   const K* peek(std::size_t n) const { return at(peekAt(n)); }

@@ -79,6 +79,25 @@ inline void HashMap<K, V, H, KeyOf>::placeAt(std::size_t p, std::uint32_t h, std
 }
 
 template <class K, class V, class H, class KeyOf>
+inline const V* HashMap<K, V, H, KeyOf>::prefetchNode(const K& k) const {
+  if (unindexed()) return nullptr;
+  const std::uint32_t h = mix(k);
+  const std::uint64_t s = spill_->slots[home(h)];
+  if (s == 0 || s == kGone || static_cast<std::uint32_t>(s >> 32) != h) return nullptr;
+  const Node* n = &node(static_cast<std::uint32_t>(s) - 1);
+  prefetch(n);
+  return n->cell.at();
+}
+
+template <class K, class V, class H, class KeyOf>
+inline auto HashMap<K, V, H, KeyOf>::atWalk(const Iterator& it, const K& k) const
+    -> std::pair<const V*, bool> {
+  Node* n = it.node_;
+  if (!n || !(keyOf(*n) == k)) return {nullptr, false};
+  return {n->live ? &n->value() : nullptr, true};
+}
+
+template <class K, class V, class H, class KeyOf>
 inline void HashMap<K, V, H, KeyOf>::rehash(std::size_t cap) {
   // A large index is read at random, one slot per key: huge pages (see bigBlockNew), and its
   // fresh pages are zero already, so they are first written by the keys placed in them.

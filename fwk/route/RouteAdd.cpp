@@ -111,7 +111,9 @@ void RouteBacklogSmT<Traits>::doAddRoute(const Key& key, bool retry) {
 
     sockaddr_un hops[RT_N_MULTIPATH];
     int j = 0;
-    for (auto [via, present] : route->viaCollection()) {
+    for (auto member : route->viaCollection()) {
+      // A named reference, not a structured binding: the trace statements below capture it.
+      const auto& via = member.first;
       if (j == RT_N_MULTIPATH) break;  // the daemon takes at most this many gateways
       std::uint32_t ifIndex = 0;
       if (!via.intfId.empty()) {

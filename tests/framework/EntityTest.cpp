@@ -143,6 +143,40 @@ TEST(Notification, DelAllGoesOnFromWhatItsNotifieesChange) {
   EXPECT_TRUE(w->member(1));
 }
 
+// A withdraw-all answers a lookup of the key it is notifying from its walk, not the index: every
+// key must still read as it is, whichever key is asked, also while another collection's
+// withdraw-all runs inside the notification, and once the walk is over.
+TEST(Notification, LookupsDuringDelAllSeeEveryKeyAsItIs) {
+  struct Looking : Watched::Notifiee {
+    Kel::Ptr<Watched> w;
+    Kel::Ptr<Watched> other;
+    explicit Looking(const Kel::Ptr<Watched>& watched, const Kel::Ptr<Watched>& o)
+        : w(watched), other(o) {
+      notifierIs(watched);
+    }
+    void onMember(const int& k) override {
+      if (k == 2) other->memberDelAll();
+      std::string seen = std::to_string(k) + ":";
+      for (int j = 0; j < 4; ++j) seen += w->member(j) ? '1' : '0';
+      events.push_back(seen);
+    }
+  };
+  events.clear();
+  auto w = Kel::make<Watched>(1);
+  auto other = Kel::make<Watched>(2);
+  for (int k = 0; k < 4; ++k) {
+    w->memberIs(k, true);
+    other->memberIs(k, true);
+  }
+  Looking l(w, other);
+  w->memberDelAll();
+  EXPECT_EQ(events, (std::vector<std::string>{"0:0111", "1:0011", "2:0001", "3:0000"}));
+  EXPECT_EQ(other->memberCount(), 0u);
+  w->memberIs(3, true);
+  EXPECT_TRUE(w->member(3));
+  EXPECT_FALSE(w->member(0));
+}
+
 TEST(Notification, NotifieeRegisteredDuringDeliveryWaitsForNextChange) {
   events.clear();
   auto w = Kel::make<Watched>(1);
