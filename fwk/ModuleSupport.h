@@ -96,8 +96,9 @@ inline constexpr std::nullptr_t iriFunctionSignature_ = nullptr;
 
 // Inside a trace statement, the enclosing function's name (iriPrettyFunction_ is that function's
 // __PRETTY_FUNCTION__, taken before the statement's out-of-line body, whose own would name it).
-#define IRI_FUNCTION_NAME_() \
-  ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, iriPrettyFunction_)
+#define IRI_FUNCTION_NAME_() IRI_NAME_OF_(iriPrettyFunction_)
+// The enclosing function's own signature, or else `pretty` (its __PRETTY_FUNCTION__).
+#define IRI_NAME_OF_(pretty) ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, pretty)
 
 // The signature is a function-local static made by the first call of the empty object declared
 // here, which only a trace or an assertion that fires makes: a call with tracing off does not
@@ -132,11 +133,9 @@ inline constexpr std::nullptr_t iriFunctionSignature_ = nullptr;
 #define IRI_TRACE_BEGIN() IRI_TRACE(8, IRI_FUNCTION_NAME_() << "BEGIN")
 #define IRI_TRACE_END() IRI_TRACE(8, IRI_FUNCTION_NAME_() << "END")
 
-#define IRI_ASSERT_TEXT(expr, text)                                                             \
-  do {                                                                                          \
-    if (!(expr))                                                                                \
-      ::InterfaceRouteInfo::assertFailed(                                                       \
-          text, __LINE__,                                                                       \
-          ::InterfaceRouteInfo::functionSignature(iriFunctionSignature_, __PRETTY_FUNCTION__)); \
+#define IRI_ASSERT_TEXT(expr, text)                                                          \
+  do {                                                                                       \
+    if (!(expr))                                                                             \
+      ::InterfaceRouteInfo::assertFailed(text, __LINE__, IRI_NAME_OF_(__PRETTY_FUNCTION__)); \
   } while (0)
 #define IRI_ASSERT(expr) IRI_ASSERT_TEXT(expr, #expr)

@@ -42,13 +42,7 @@ void* bigBlockNew(std::size_t bytes) {
     return reinterpret_cast<void*>(aligned);
   }
 #endif
-  return ::operator new(bytes);
-}
-
-void* bigBlockNewZeroed(std::size_t bytes) {
-  void* p = bigBlockNew(bytes);
-  if (!mapped(bytes)) std::memset(p, 0, bytes);
-  return p;
+  return std::memset(::operator new(bytes), 0, bytes);
 }
 
 void bigBlockDelete(void* p, std::size_t bytes) noexcept {

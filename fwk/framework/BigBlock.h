@@ -1,10 +1,10 @@
-// Kel::bigBlockNew: memory for a large array read at random (the index of a collection of a
-// million members). From 2 MB up it is a mapping of its own, aligned to 2 MB and marked for huge
+// Kel::bigBlockNew: zeroed memory for a large array read at random (the index of a collection of
+// a million members). From 2 MB up it is a mapping of its own, aligned to 2 MB and marked for huge
 // pages where the system offers them: one translation then covers 2 MB instead of 4 KB (a
 // lookup's cache line is not behind a translation miss, and a prefetch of it is not lost to one).
 // The mark covers nothing else: memory the C library reuses for other objects never inherits it.
 // Smaller requests come from operator new.
-// bigBlockNewZeroed gives zeroed memory (a mapping's fresh pages are: nothing is written then);
+// A mapping's fresh pages are zero: nothing is written to them; heap memory is cleared.
 // bigBlockDelete(p, bytes) gives either back, with the bytes asked for. bigBlockBytes() is what
 // the mappings hold now, as asked for (the benchmarks add it to the heap's bytes).
 #pragma once
@@ -14,7 +14,6 @@
 namespace Kel {
 
 void* bigBlockNew(std::size_t bytes);
-void* bigBlockNewZeroed(std::size_t bytes);
 void bigBlockDelete(void* p, std::size_t bytes) noexcept;
 std::size_t bigBlockBytes();
 

@@ -90,20 +90,11 @@ inline const V* HashMap<K, V, H, KeyOf>::prefetchNode(const K& k) const {
 }
 
 template <class K, class V, class H, class KeyOf>
-inline auto HashMap<K, V, H, KeyOf>::atWalk(const Iterator& it, const K& k) const
-    -> std::pair<const V*, bool> {
-  Node* n = it.node_;
-  if (!n || !(keyOf(*n) == k)) return {nullptr, false};
-  return {n->live ? &n->value() : nullptr, true};
-}
-
-template <class K, class V, class H, class KeyOf>
 inline void HashMap<K, V, H, KeyOf>::rehash(std::size_t cap) {
   // A large index is read at random, one slot per key: huge pages (see bigBlockNew), and its
   // fresh pages are zero already, so they are first written by the keys placed in them.
   std::unique_ptr<std::uint64_t[], SlotsDeleter> old(
-      static_cast<std::uint64_t*>(bigBlockNewZeroed(cap * sizeof(std::uint64_t))),
-      SlotsDeleter{cap});
+      static_cast<std::uint64_t*>(bigBlockNew(cap * sizeof(std::uint64_t))), SlotsDeleter{cap});
   old.swap(spill().slots);
   const std::size_t oldCount = std::exchange(spill_->slotCount, static_cast<std::uint32_t>(cap));
   spill_->gone = 0;

@@ -2,8 +2,8 @@
 // of 2^b nodes that hold the members and never move (each node built when first handed out, held
 // biased in the spill, dropped with it), the free list through nodes given back, and the order
 // list in first-insertion order, with the tombstones that a walk alive keeps and that the front
-// and an emptied collection let go; the walks over that list (clear, purge, peek, a scout's step)
-// and the bytes the storage holds.
+// and an emptied collection let go; the walks over that list (clear, purge, peek, a scout's step,
+// a lookup at a walk's node) and the bytes the storage holds.
 #pragma once
 
 #include "fwk/framework/HashMap.h"
@@ -208,6 +208,14 @@ inline std::uint32_t HashMap<K, V, H, KeyOf>::scoutNext(std::uint32_t i, std::si
     i = at.next;
   }
   return kNil;
+}
+
+template <class K, class V, class H, class KeyOf>
+inline auto HashMap<K, V, H, KeyOf>::atWalk(const Iterator& it, const K& k) const
+    -> std::pair<const V*, bool> {
+  Node* n = it.node_;
+  if (!n || !(keyOf(*n) == k)) return {nullptr, false};
+  return {n->live ? &n->value() : nullptr, true};
 }
 
 }  // namespace Kel
