@@ -6,6 +6,7 @@
 
 #if defined(__linux__)
 #include <sys/mman.h>
+#include <unistd.h>
 #endif
 
 namespace Kel {
@@ -58,5 +59,19 @@ void bigBlockDelete(void* p, std::size_t bytes) noexcept {
 }
 
 std::size_t bigBlockBytes() { return mappedBytes; }
+
+void populate(void* p, std::size_t bytes) noexcept {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+  if (bytes < (std::size_t{64} << 10)) return;
+  static const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(p) + page - 1) & ~(page - 1);
+  const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(page - 1);
+  // A kernel without the request refuses it (the pages are then backed as they are written).
+  if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
+#else
+  (void)p;
+  (void)bytes;
+#endif
+}
 
 }  // namespace Kel

@@ -7,6 +7,11 @@
 // A mapping's fresh pages are zero: nothing is written to them; heap memory is cleared.
 // bigBlockDelete(p, bytes) gives either back, with the bytes asked for. bigBlockBytes() is what
 // the mappings hold now, as asked for (the benchmarks add it to the heap's bytes).
+// populate(p, bytes): the whole pages inside [p, p + bytes), memory of this process about to be
+// written (a collection's node block that a reservation counts on), backed by the system now in
+// one request, instead of one page fault per page as each is first written: a fault traps into
+// the system, and on a virtual machine that trap costs more than the page. Below 64 KB, and where
+// the system cannot do it, nothing is done; either way nothing changes for the program but time.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +21,7 @@ namespace Kel {
 void* bigBlockNew(std::size_t bytes);
 void bigBlockDelete(void* p, std::size_t bytes) noexcept;
 std::size_t bigBlockBytes();
+void populate(void* p, std::size_t bytes) noexcept;
 
 // The deleter of a std::unique_ptr<T[]> whose array of `count` came from bigBlockNew.
 template <class T>

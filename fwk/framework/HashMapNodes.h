@@ -19,6 +19,7 @@ inline auto HashMap<K, V, H, KeyOf>::Spill::make(std::uint32_t count, Spill* fro
   for (std::uint32_t j = 0; j < count; ++j) sp->more()[j] = j < keep ? from->more()[j] : 0;
   if (from) {
     sp->carved = from->carved;
+    sp->reserved = from->reserved;
     sp->slots = std::move(from->slots);
     sp->slotCount = std::exchange(from->slotCount, 0);
     sp->gone = std::exchange(from->gone, 0);
@@ -67,21 +68,39 @@ inline auto HashMap<K, V, H, KeyOf>::allocate() -> std::pair<std::uint32_t, Node
     blocks_ = 1;
     return {0, &first_};
   }
-  const std::uint32_t b = blocks_;
-  if (!spill_ || spill_->carved == (1u << b) - 1u) {  // every node made is in use
-    // The array of block pointers is sized exactly; it grows about twenty times.
-    Node* block = Spill::makeBlock(b);
-    try {
-      spill_.reset(Spill::make(b, spill_.get()));
-    } catch (...) {
-      Spill::dropBlock(block, b, 0);
-      throw;
-    }
-    spill_->more()[b - 1] = Spill::biased(block, b);
-    ++blocks_;
-  }
+  if (!spill_ || spill_->carved == (1u << blocks_) - 1u) addBlock();  // every node made is in use
   const std::uint32_t i = spill_->carved++;
   return {i, ::new (static_cast<void*>(nodeAt(i))) Node};
+}
+
+template <class K, class V, class H, class KeyOf>
+void HashMap<K, V, H, KeyOf>::reserveMore(std::size_t n) {
+  if (n * 4 > std::size_t{slotCount()} * 3) {
+    std::size_t cap = grown(0);
+    while (cap * 3 < n * 4) cap = grown(cap);
+    rehash(cap);
+  }
+  spill_->reserved =
+      std::max(spill_->reserved, static_cast<std::uint32_t>(std::min<std::size_t>(n, kNil)));
+}
+
+template <class K, class V, class H, class KeyOf>
+void HashMap<K, V, H, KeyOf>::addBlock() {
+  const std::uint32_t b = blocks_;
+  // The array of block pointers is sized exactly; it grows about twenty times.
+  Node* block = Spill::makeBlock(b);
+  try {
+    spill_.reset(Spill::make(b, spill_.get()));
+  } catch (...) {
+    Spill::dropBlock(block, b, 0);
+    throw;
+  }
+  spill_->more()[b - 1] = Spill::biased(block, b);
+  ++blocks_;
+  const std::uint32_t first = (1u << b) - 1u;
+  if (spill_->reserved > first) {
+    populate(block, std::min(spill_->reserved - first, 1u << b) * sizeof(Node));
+  }
 }
 
 template <class K, class V, class H, class KeyOf>
