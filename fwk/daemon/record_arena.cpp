@@ -53,7 +53,7 @@ void RecordArena::reserve() {
     pageCount_ = bytes / pageSize_;
     // Not marked for huge pages: where a virtual machine hands its free memory back to its
     // host, a fresh huge page is most often one the host must back again, which cost a full
-    // table's records about 4.5 ms a huge page (a third of a second at a million routes),
+    // table's records about 4.5 ms a huge page (about 0.3 s at a million routes),
     // against about 1.6 microseconds a 4 KB page however long the memory had been free.
     return;
   }
