@@ -117,8 +117,7 @@ class HashMap {
     // Nodes below this index have been built (node 0, inside the map, always is); the rest of
     // the last block is raw memory, built one node at a time as it is first handed out.
     std::uint32_t carved = 1;
-    // Nodes below this index are counted on by the largest reserve() so far.
-    std::uint32_t reserved = 0;
+    std::uint32_t reserved = 0;  // nodes below it: counted on by the largest reserve() so far
     std::uintptr_t* more() { return reinterpret_cast<std::uintptr_t*>(this + 1); }
     // Block b (first index 2^b - 1) as held, and back; a missing block is held as 0.
     static std::uintptr_t biased(Node* block, unsigned b) {
@@ -163,11 +162,10 @@ class HashMap {
   bool empty() const { return live_ == 0; }
 
   // Makes room for n members: the index does not grow before it holds them, and each node block
-  // made from now on has the pages its share of those n nodes will take backed as it is made, in
-  // one request to the system instead of a page fault per page (see populate in BigBlock.h).
+  // made from now on has the pages of its share of the n nodes backed at once (BigBlock.h).
+  // Some call it once a key (a withdraw-all's hints): the common case is room enough.
   void reserve(std::size_t n) {
     if (n <= kSmall && unindexed()) return;
-    // Called once a key by some (a withdraw-all's hints): the common case is room enough.
     if (n * 4 > std::size_t{slotCount()} * 3 || n > spill_->reserved) reserveMore(n);
   }
 
@@ -521,10 +519,9 @@ class HashMap {
   // A node off the free list, else the next one never used (a new block made when there is
   // none), built then.
   std::pair<std::uint32_t, Node*> allocate();
-  // Makes the next node block (once per doubling; out of line, so allocate() stays small where it
-  // is inlined).
+  // The next node block (once per doubling), and reserve(n) when the index or the reservation is
+  // short of n: out of line, so that allocate() and reserve() stay small where they are inlined.
   [[gnu::noinline]] void addBlock();
-  // reserve(n) when the index or the reservation is short of n.
   [[gnu::noinline]] void reserveMore(std::size_t n);
   // The order list's `prev` links are circular, the first node's naming the last, so the map
   // keeps no tail of its own; `next` ends at kNil.
