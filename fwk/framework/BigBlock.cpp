@@ -12,15 +12,13 @@
 namespace Kel {
 
 namespace {
-constexpr std::size_t kHuge = std::size_t{2} << 20;
 std::size_t mappedBytes = 0;
 
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
-// Whether a block of `bytes` is a mapping of its own.
+constexpr std::size_t kHuge = std::size_t{2} << 20;
+// Whether a block of `bytes` is a mapping of its own (elsewhere every block is heap memory).
 bool mapped(std::size_t bytes) { return bytes >= kHuge; }
 std::size_t roundedUp(std::size_t bytes) { return (bytes + kHuge - 1) & ~(kHuge - 1); }
-#else
-bool mapped(std::size_t) { return false; }
 #endif
 }  // namespace
 
@@ -46,7 +44,7 @@ void* bigBlockNew(std::size_t bytes) {
   return std::memset(::operator new(bytes), 0, bytes);
 }
 
-void bigBlockDelete(void* p, std::size_t bytes) noexcept {
+void bigBlockDelete(void* p, [[maybe_unused]] std::size_t bytes) noexcept {
   if (!p) return;
 #if defined(__linux__) && defined(MADV_HUGEPAGE)
   if (mapped(bytes)) {
@@ -60,7 +58,7 @@ void bigBlockDelete(void* p, std::size_t bytes) noexcept {
 
 std::size_t bigBlockBytes() { return mappedBytes; }
 
-void populate(void* p, std::size_t bytes) noexcept {
+void populate([[maybe_unused]] void* p, [[maybe_unused]] std::size_t bytes) noexcept {
 #if defined(__linux__) && defined(MADV_POPULATE_WRITE)
   if (bytes < (std::size_t{64} << 10)) return;
   static const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
@@ -68,9 +66,6 @@ void populate(void* p, std::size_t bytes) noexcept {
   const std::uintptr_t end = (reinterpret_cast<std::uintptr_t>(p) + bytes) & ~(page - 1);
   // A kernel without the request refuses it (the pages are then backed as they are written).
   if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_WRITE);
-#else
-  (void)p;
-  (void)bytes;
 #endif
 }
 
