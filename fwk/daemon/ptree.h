@@ -6,7 +6,8 @@
 // prefix in selection order takes its place. rt_change_s leaves the tree alone. ptree_insert and
 // ptree_remove are for a caller's own bookkeeping on top of that (an entry moving between gateway
 // queues); the tree belongs to the gateway (gw_ptree, created with its first IPv6 entry, gone with
-// gw_free), so a caller must not keep the pointer across gw_free.
+// gw_free), so a caller must not keep the pointer across gw_free. The gateway's own entry held for
+// a prefix carries RTS_PTREE in its rt_state.
 #pragma once
 
 struct ptree;

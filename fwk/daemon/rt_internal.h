@@ -59,6 +59,8 @@ int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask);
 // True for a live entry; otherwise counts a misuse naming `fn` ("null entry" / "entry already
 // deleted").
 bool entryAlive(const rt_entry* rt, const char* fn);
+// The head of the prefix dest/plen (plen from prefixLen), or null when the table has none.
+rt_head* findHead(const sockaddr_un* dest, int plen);
 // Moves `rt` to its place in selection order after its preference changed, and reselects.
 void reorder(rt_entry* rt);
 // Unlinks `rt` from its prefix (dropping an empty prefix), its gateway's queue and tree and the

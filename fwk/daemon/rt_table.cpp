@@ -85,11 +85,6 @@ First findFirst(const sockaddr_un* dest, int plen) {
   return firstIn(t.v6, key6(dest, plen));
 }
 
-rt_head* findHead(const sockaddr_un* dest, int plen) {
-  rt_entry* first = findFirst(dest, plen).entry;
-  return first ? first->rt_head : nullptr;
-}
-
 template <typename Key>
 void syncSlot(PrefixIndex<Key, rt_entry, EntryRef>& index, Key key, rt_entry* was,
               rt_entry* first) {
@@ -220,6 +215,11 @@ const corvd_state_ops corvd_state_rib = corvd_state_ops_of<rt_rib, rib>();
 
 namespace corvd_rt {
 
+rt_head* findHead(const sockaddr_un* dest, int plen) {
+  rt_entry* first = findFirst(dest, plen).entry;
+  return first ? first->rt_head : nullptr;
+}
+
 int prefixLen(const sockaddr_un* dest, const sockaddr_un* mask) {
   if (!dest || !mask || dest->sa_family != mask->sa_family) return -1;
   if (dest->sa_family != SA_FAMILY_INET && dest->sa_family != SA_FAMILY_INET6) return -1;
@@ -324,7 +324,8 @@ rt_entry* rt_add(rt_parms* rtp, if_addr** ifaps) {
   std::memset(rt, 0, sizeof *rt);
   rt->rt_head = h;
   rt->rt_gwp = rtp->rtp_gwp;
-  rt->rt_state = rtp->rtp_state & ~(RTS_ACTIVE | RTS_SETASIDE | RTS_SETASIDE_ZERO | RTS_EXTRA);
+  rt->rt_state =
+      rtp->rtp_state & ~(RTS_ACTIVE | RTS_SETASIDE | RTS_SETASIDE_ZERO | RTS_EXTRA | RTS_PTREE);
   rt->rt_seq = seq;
   rt->rt_preference = rtp->rtp_preference;
   if (rtp->rtp_preference2 != 0 || rtp->rtp_metric != 0) {

@@ -45,6 +45,7 @@ constexpr uint64_t RTS_GATEWAY = 0x10;                  // routed through a gate
 constexpr uint64_t RTS_SETASIDE = 0x100000000ull;       // preference negated by the daemon
 constexpr uint64_t RTS_SETASIDE_ZERO = 0x200000000ull;  // ... and it was 0 before
 constexpr uint64_t RTS_EXTRA = 0x400000000ull;          // a second preference or metric is kept
+constexpr uint64_t RTS_PTREE = 0x800000000ull;          // held by its gateway's IPv6 prefix tree
 
 // Flags or-ed by callers into every new route's state; the daemon never changes it.
 struct rt_rib {

@@ -307,10 +307,11 @@ TEST_F(RouteTableModel, AddOrderNumberedAgainWhenItRunsOutKeepsTies) {
 
 TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
   gw_entry* gw = gw_init(nullptr, 10, fwk_task, 0, 0, nullptr, 0);
-  auto add = [&](int p, int pref) {
+  gw_entry* other = gw_init(nullptr, 11, fwk_task, 0, 0, nullptr, 0);
+  auto add = [&](int p, int pref, gw_entry* by) {
     rt_parms rtp{};
     std::tie(rtp.rtp_dest, rtp.rtp_dest_mask) = prefixOf(p);
-    rtp.rtp_gwp = gw;
+    rtp.rtp_gwp = by;
     rtp.rtp_preference = pref;
     rtp.rtp_n_gw = pref / 10;  // distinct gateway sets: blackhole, one gateway
     rtp.rtp_routers[0] = hopAddr(0, v6(p));
@@ -319,9 +320,9 @@ TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
     rt_close(fwk_task, 0, 1, 0);
     return rt;
   };
-  rt_entry* first = add(13, 0);
-  rt_entry* second = add(13, 10);
-  rt_entry* four = add(1, 0);
+  rt_entry* first = add(13, 0, gw);
+  rt_entry* second = add(13, 10, gw);
+  rt_entry* four = add(1, 0, gw);
   ASSERT_TRUE(first && second && four) << misuseText();
   ptree* tree = gw->gw_ptree;
   auto held = [&] { return ptree_find(tree, prefixOf(13).first, prefixOf(13).second); };
@@ -340,6 +341,25 @@ TEST_F(RouteTableModel, PtreeInsertAndRemoveAnswerWhetherTheEntryIsHeld) {
   EXPECT_EQ(corvd_misuse_count(), 0u) << misuseText();
   EXPECT_EQ(ptree_remove(tree, second), 0);
   EXPECT_EQ(corvd_misuse_count(), 1u);
+  // Another gateway's entry entered in this tree is held for the prefix in place of the tree's
+  // own, in its own gateway's tree as well, until it is removed again.
+  rt_entry* foreign = add(13, 5, other);
+  ASSERT_TRUE(foreign) << misuseText();
+  EXPECT_EQ(ptree_find(other->gw_ptree, prefixOf(13).first, prefixOf(13).second), foreign);
+  EXPECT_EQ(ptree_insert(tree, foreign), 0);
+  EXPECT_EQ(ptree_remove(tree, first), 1);
+  EXPECT_EQ(ptree_insert(tree, foreign), 1);
+  EXPECT_EQ(held(), foreign);
+  rt_entry* third = add(13, 15, gw);  // the tree holds the prefix: the new entry is not entered
+  ASSERT_TRUE(third) << misuseText();
+  EXPECT_EQ(ptree_insert(tree, first), 0);
+  EXPECT_EQ(ptree_remove(tree, first), 0);
+  EXPECT_EQ(ptree_remove(tree, foreign), 1);
+  EXPECT_EQ(held(), nullptr);
+  EXPECT_EQ(ptree_find(other->gw_ptree, prefixOf(13).first, prefixOf(13).second), foreign);
+  EXPECT_EQ(ptree_insert(tree, third), 1);
+  EXPECT_EQ(held(), third);
+  EXPECT_EQ(corvd_misuse_count(), 1u) << misuseText();
 }
 
 }  // namespace
