@@ -16,6 +16,7 @@
 #include <new>
 #include <thread>
 
+#include "fwk/daemon/big_table.h"
 #include "fwk/daemon/rt_table.h"
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/BigBlock.h"
@@ -44,10 +45,11 @@ inline std::atomic<long long> liveBytes{0};
 
 namespace BenchSupport {
 
-// What the process holds: live heap bytes plus the daemon's record pages and the collections'
-// large blocks, which live outside the heap.
+// What the process holds: live heap bytes plus the daemon's record pages and large tables and the
+// collections' large blocks, which live outside the heap.
 inline long long processBytes() {
-  return liveBytes.load() + static_cast<long long>(rt_record_bytes() + Kel::bigBlockBytes());
+  return liveBytes.load() +
+         static_cast<long long>(rt_record_bytes() + bigTableMappedBytes() + Kel::bigBlockBytes());
 }
 
 // The whole process's resident memory, as the system counts it (what a peer daemon's figure

@@ -5,7 +5,7 @@
 // 32-bit reference (`using Stored`, `static Stored to(V*)`, `static V* from(Stored)`, with a
 // stored 0 for null), which keeps a slot at the key's size plus four bytes.
 // Key is a small trivially copyable type with `bool same(const Key&) const` and `uint64_t hash()
-// const` (well mixed: its low bits choose the home slot). Parts of a key that `same` and `hash`
+// const` (well mixed: its low 32 bits choose the home slot). Parts of a key that `same` and `hash`
 // ignore are a tag that the owner may keep beside the key and change in place.
 // Invariants: a slot is empty exactly when its value is null; linear probing with backward-shift
 // deletion keeps every key reachable from its home slot without tombstones; the load stays at
@@ -18,7 +18,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <utility>
+
+#include "fwk/daemon/big_table.h"
 
 // Spreads the bits of a key word over the whole word (low bits choose the home slot).
 inline uint64_t prefixHashMix(uint64_t h) {
@@ -35,7 +37,8 @@ struct PointerRef {
   static V* from(Stored s) { return s; }
 };
 
-// One open-addressing table; PrefixIndex below spreads keys over several of them.
+// One open-addressing table. Grown on its own, it moves every member in one insert; PrefixIndex
+// below grows into a new table a few runs at a time instead.
 template <typename Key, typename V, typename Ref = PointerRef<V>>
 class PrefixIndexTable {
  public:
@@ -46,9 +49,32 @@ class PrefixIndexTable {
     void valueIs(V* v) { stored = Ref::to(v); }
   };
 
+  // The size a table of n slots grows to.
+  static std::size_t grownSize(std::size_t n) {
+    return n == 0 ? 16 : (n & (n - 1)) == 0 ? n + n / 2 : n + n / 3;
+  }
+
+  PrefixIndexTable() = default;
+  explicit PrefixIndexTable(std::size_t slots)
+      : slots_(static_cast<Slot*>(bigTableAlloc(slots * sizeof(Slot)))), n_(slots) {}
+  PrefixIndexTable(PrefixIndexTable&& o) noexcept
+      : slots_(std::exchange(o.slots_, nullptr)),
+        n_(std::exchange(o.n_, 0)),
+        size_(std::exchange(o.size_, 0)) {}
+  PrefixIndexTable& operator=(PrefixIndexTable&& o) noexcept {
+    if (this != &o) {
+      clear();
+      slots_ = std::exchange(o.slots_, nullptr);
+      n_ = std::exchange(o.n_, 0);
+      size_ = std::exchange(o.size_, 0);
+    }
+    return *this;
+  }
+  ~PrefixIndexTable() { clear(); }
+
   // The slot holding `key`, or null.
   Slot* find(const Key& key) {
-    if (slots_.empty()) return nullptr;
+    if (size_ == 0) return nullptr;
     for (std::size_t i = home(key);; i = next(i)) {
       Slot& s = slots_[i];
       if (!s.stored) return nullptr;
@@ -56,8 +82,11 @@ class PrefixIndexTable {
     }
   }
 
+  // Whether one more member would take the table past 3/4 full.
+  bool fullFor(std::size_t more) const { return (size_ + more) * 4 > n_ * 3; }
+
   void insert(const Key& key, V* value) {
-    if ((size_ + 1) * 4 > slots_.size() * 3) grow();
+    if (fullFor(1)) grow();
     Slot slot;
     slot.key = key;
     slot.valueIs(value);
@@ -68,7 +97,7 @@ class PrefixIndexTable {
   bool erase(const Key& key) {
     Slot* hit = find(key);
     if (!hit) return false;
-    std::size_t i = static_cast<std::size_t>(hit - slots_.data());
+    std::size_t i = static_cast<std::size_t>(hit - slots_);
     // Backward shift: pull later members of the probe run into the hole.
     for (std::size_t j = next(i);; j = next(j)) {
       Slot& s = slots_[j];
@@ -84,19 +113,52 @@ class PrefixIndexTable {
     return true;
   }
 
+  // Moves whole runs of members (a run ends at an empty slot), starting at slot `at`, into `to`
+  // until at least `budget` slots were passed or this table is empty; returns where to go on.
+  // `at` must be an empty slot or the first of a run. Every run is moved in one call, so a run
+  // is never split between the tables: a probe or a backward shift in this table never crosses
+  // an empty slot, so the members left here stay findable and erasable.
+  std::size_t moveRuns(PrefixIndexTable& to, std::size_t at, std::size_t budget) {
+    while (size_ && budget) {
+      if (!slots_[at].stored) {
+        at = next(at);
+        --budget;
+        continue;
+      }
+      for (; slots_[at].stored; at = next(at)) {
+        to.place(slots_[at]);
+        ++to.size_;
+        slots_[at] = Slot{};
+        --size_;
+        if (budget) --budget;
+      }
+    }
+    return at;
+  }
+
+  // The first empty slot (a table has one whenever it holds slots).
+  std::size_t firstEmpty() const {
+    std::size_t i = 0;
+    while (i < n_ && slots_[i].stored) ++i;
+    return i;
+  }
+
   std::size_t size() const { return size_; }
-  std::size_t bytes() const { return slots_.capacity() * sizeof(Slot); }
+  std::size_t slots() const { return n_; }
+  std::size_t bytes() const { return n_ * sizeof(Slot); }
   void clear() {
-    std::vector<Slot>().swap(slots_);
+    bigTableFree(slots_, n_ * sizeof(Slot));
+    slots_ = nullptr;
+    n_ = 0;
     size_ = 0;
   }
 
  private:
   // The low 32 bits of the hash, scaled to the table's size.
   std::size_t home(const Key& key) const {
-    return static_cast<std::size_t>(((key.hash() & 0xFFFFFFFFu) * slots_.size()) >> 32);
+    return static_cast<std::size_t>(((key.hash() & 0xFFFFFFFFu) * n_) >> 32);
   }
-  std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
+  std::size_t next(std::size_t i) const { return i + 1 == n_ ? 0 : i + 1; }
 
   void place(const Slot& slot) {
     std::size_t i = home(slot.key);
@@ -105,54 +167,68 @@ class PrefixIndexTable {
   }
 
   void grow() {
-    std::vector<Slot> old;
-    old.swap(slots_);
-    const std::size_t n = old.size();
-    slots_.resize(n == 0 ? 16 : (n & (n - 1)) == 0 ? n + n / 2 : n + n / 3);
-    for (const Slot& s : old) {
-      if (s.stored) place(s);
-    }
+    PrefixIndexTable bigger(grownSize(n_));
+    moveRuns(bigger, firstEmpty(), n_);
+    *this = std::move(bigger);
   }
 
-  std::vector<Slot> slots_;
+  Slot* slots_ = nullptr;
+  std::size_t n_ = 0;
   std::size_t size_ = 0;
 };
 
-// The index proper: kShards tables chosen by the top bits of the hash (the home slot uses the
-// low bits). Each table doubles on its own, so growing a million-prefix index moves 1/kShards of
-// it at a time (about a millisecond) instead of stalling one route change for the whole rehash.
-// The tables are made with the first insert, so an index that stays empty costs one pointer.
+// The index proper: one table, in huge pages once it is large (big_table.h), grown without a
+// stall. When an insert would take the table past 3/4 full, the table becomes the old one and a
+// larger one takes the inserts; each insert then first moves at least kMovesPerInsert slots'
+// worth of whole runs from the old table, which is freed once empty. A lookup meanwhile tries the
+// new table, then the old; a member is in exactly one of them. The move ends long before the new
+// table could fill: it takes at most n/kMovesPerInsert inserts for an old table of n slots, and
+// the new one has room for n/3 more members than the old held.
 template <typename Key, typename V, typename Ref = PointerRef<V>>
 class PrefixIndex {
  public:
   using Table = PrefixIndexTable<Key, V, Ref>;
   using Slot = typename Table::Slot;
-  static constexpr unsigned kShardBits = 6;
-  static constexpr std::size_t kShards = std::size_t{1} << kShardBits;
+  static constexpr std::size_t kMovesPerInsert = 16;
 
-  Slot* find(const Key& key) { return tables_.empty() ? nullptr : table(key).find(key); }
+  Slot* find(const Key& key) {
+    if (Slot* s = table_.find(key)) return s;
+    return old_.find(key);
+  }
   void insert(const Key& key, V* value) {
-    if (tables_.empty()) tables_.resize(kShards);
-    table(key).insert(key, value);
+    if (old_.size()) {
+      moveSome();
+    } else if (table_.fullFor(1)) {
+      old_ = std::move(table_);
+      table_ = Table(Table::grownSize(old_.slots()));
+      at_ = old_.firstEmpty();
+      moveSome();
+    }
+    table_.insert(key, value);
   }
-  bool erase(const Key& key) { return !tables_.empty() && table(key).erase(key); }
+  bool erase(const Key& key) {
+    if (table_.erase(key)) return true;
+    if (!old_.erase(key)) return false;
+    if (!old_.size()) old_.clear();
+    return true;
+  }
+  // Whether an old table is still being emptied into the current one.
+  bool growing() const { return old_.slots() != 0; }
 
-  std::size_t size() const {
-    std::size_t n = 0;
-    for (const Table& t : tables_) n += t.size();
-    return n;
+  std::size_t size() const { return table_.size() + old_.size(); }
+  std::size_t bytes() const { return table_.bytes() + old_.bytes(); }
+  void clear() {
+    table_.clear();
+    old_.clear();
   }
-  std::size_t bytes() const {
-    std::size_t n = tables_.capacity() * sizeof(Table);
-    for (const Table& t : tables_) n += t.bytes();
-    return n;
-  }
-  void clear() { std::vector<Table>().swap(tables_); }
 
  private:
-  Table& table(const Key& key) {
-    return tables_[static_cast<std::size_t>(key.hash() >> (64 - kShardBits))];
+  void moveSome() {
+    at_ = old_.moveRuns(table_, at_, kMovesPerInsert);
+    if (!old_.size()) old_.clear();
   }
 
-  std::vector<Table> tables_;
+  Table table_;
+  Table old_;           // the table being emptied into table_, while growing
+  std::size_t at_ = 0;  // where the next move starts in old_
 };

@@ -1,7 +1,7 @@
 // The daemon's hash indexes (FlatMap, PrefixIndexTable) against std::unordered_map: random inserts
 // and erasures with a hash that folds keys onto few home slots, so probe runs are long, wrap
 // around the end of the array and are broken up by erasures (the backward shift must keep every
-// key findable); and the prefix index's sizes as it grows.
+// key findable); and the prefix index's sizes as it grows, and its growth a few runs at a time.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -97,6 +97,81 @@ TEST(PrefixIndexTable, AgreesWithAStandardMapThroughLongWrappedRunsAndGrowsByHal
     }
   }
   EXPECT_EQ(sizes, (std::vector<std::size_t>{16, 24, 32, 48, 64, 96, 128, 192, 256, 384}));
+}
+
+// A key spread evenly over the table.
+struct SpreadKey {
+  int k;
+  bool same(const SpreadKey& o) const { return k == o.k; }
+  uint64_t hash() const { return prefixHashMix(static_cast<uint64_t>(k)); }
+};
+
+// While the index grows, members live in two tables; each insert moves whole runs from the old
+// one. Crowded keys make runs that wrap around the old table's end and are broken up by erasures
+// meanwhile; spread keys show that a growth spans several inserts, each moving a bounded share.
+TEST(PrefixIndex, KeepsEveryMemberFindableWhileItGrowsAFewRunsAtATime) {
+  PrefixIndex<CrowdedKey, int> crowded;
+  std::unordered_map<int, int> ref;
+  std::vector<int> values(400);
+  std::mt19937 rng(5);
+  int growingSteps = 0;
+  for (int step = 0; step < 20000; ++step) {
+    const int k = static_cast<int>(rng() % 400);
+    const bool present = ref.count(k) == 1;
+    ASSERT_EQ(crowded.find(CrowdedKey{k}) != nullptr, present) << "key " << k << " step " << step;
+    if (rng() % 2 == 0) {
+      EXPECT_EQ(crowded.erase(CrowdedKey{k}), present);
+      ref.erase(k);
+    } else if (!present) {
+      crowded.insert(CrowdedKey{k}, &values[static_cast<std::size_t>(k)]);
+      ref[k] = k;
+    }
+    growingSteps += crowded.growing();
+    if (crowded.growing() || step % 97 == 0) {
+      ASSERT_EQ(crowded.size(), ref.size()) << "step " << step;
+      for (int q = 0; q < 400; ++q) {
+        auto* s = crowded.find(CrowdedKey{q});
+        ASSERT_EQ(s != nullptr, ref.count(q) == 1) << "key " << q << " step " << step;
+        if (s) {
+          ASSERT_EQ(s->value(), &values[static_cast<std::size_t>(q)]);
+        }
+      }
+    }
+  }
+  EXPECT_GT(growingSteps, 0);
+
+  using Spread = PrefixIndex<SpreadKey, int>;
+  constexpr std::size_t kMoves = Spread::kMovesPerInsert;
+  Spread spread;
+  std::vector<int> many(100000);
+  std::size_t slotsBefore = 0;  // the table's size when the growth under way began
+  int inserts = 0;              // inserts since then
+  int largeGrowths = 0;         // growths from 1024 slots up that ended
+  for (int k = 0; k < 100000; ++k) {
+    const bool was = spread.growing();
+    const std::size_t bytes = spread.bytes();
+    spread.insert(SpreadKey{k}, &many[static_cast<std::size_t>(k)]);
+    if (!was && spread.growing()) {
+      slotsBefore = bytes / sizeof(Spread::Slot);
+      inserts = 0;
+    }
+    if (spread.growing()) {
+      ++inserts;
+      // Each insert passes at least kMovesPerInsert slots of the old table.
+      ASSERT_LE(static_cast<std::size_t>(inserts) * kMoves, slotsBefore + kMoves) << "insert " << k;
+    } else if (was && slotsBefore >= 1024) {
+      // Runs of spread keys are short: a growth takes about as many inserts as the bound allows.
+      EXPECT_GE(static_cast<std::size_t>(inserts), slotsBefore / kMoves / 2)
+          << "a growth from " << slotsBefore << " slots";
+      ++largeGrowths;
+    }
+  }
+  EXPECT_EQ(largeGrowths, 14);  // from 1,024 slots to 98,304; the one from 131,072 goes on
+  EXPECT_TRUE(spread.growing());
+  for (int k = 0; k < 100000; k += 7) {
+    auto* s = spread.find(SpreadKey{k});
+    ASSERT_TRUE(s && s->value() == &many[static_cast<std::size_t>(k)]) << "key " << k;
+  }
 }
 
 }  // namespace
