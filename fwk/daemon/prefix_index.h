@@ -179,24 +179,26 @@ class PrefixIndexTable {
 
 // The index proper: one table, in huge pages once it is large (big_table.h), grown without a
 // stall. When an insert would take the table past 3/4 full, the table becomes the old one and a
-// larger one takes the inserts; each insert then first moves at least kMovesPerInsert slots'
-// worth of whole runs from the old table, which is freed once empty. A lookup meanwhile tries the
-// new table, then the old; a member is in exactly one of them. The move ends long before the new
-// table could fill: it takes at most n/kMovesPerInsert inserts for an old table of n slots, and
-// the new one has room for n/3 more members than the old held.
+// larger one takes the inserts; every find, insert and erase then first moves at least
+// kMovesPerCall slots' worth of whole runs from the old table, which is freed once empty. A
+// lookup meanwhile tries the new table, then the old; a member is in exactly one of them. The
+// move ends long before the new table could fill: it takes at most n/kMovesPerCall calls for an
+// old table of n slots, and the new one has room for n/3 more members than the old held. A slot
+// pointer that find returned is valid until the next call of any of the three.
 template <typename Key, typename V, typename Ref = PointerRef<V>>
 class PrefixIndex {
  public:
   using Table = PrefixIndexTable<Key, V, Ref>;
   using Slot = typename Table::Slot;
-  static constexpr std::size_t kMovesPerInsert = 16;
+  static constexpr std::size_t kMovesPerCall = 32;
 
   Slot* find(const Key& key) {
+    if (growing()) moveSome();
     if (Slot* s = table_.find(key)) return s;
     return old_.find(key);
   }
   void insert(const Key& key, V* value) {
-    if (old_.size()) {
+    if (growing()) {
       moveSome();
     } else if (table_.fullFor(1)) {
       old_ = std::move(table_);
@@ -207,6 +209,7 @@ class PrefixIndex {
     table_.insert(key, value);
   }
   bool erase(const Key& key) {
+    if (growing()) moveSome();
     if (table_.erase(key)) return true;
     if (!old_.erase(key)) return false;
     if (!old_.size()) old_.clear();
@@ -224,7 +227,7 @@ class PrefixIndex {
 
  private:
   void moveSome() {
-    at_ = old_.moveRuns(table_, at_, kMovesPerInsert);
+    at_ = old_.moveRuns(table_, at_, kMovesPerCall);
     if (!old_.size()) old_.clear();
   }
 
