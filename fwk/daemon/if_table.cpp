@@ -1,6 +1,7 @@
 #include "fwk/daemon/if_table.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -100,10 +101,26 @@ FamilyIndex* indexOf(uint8_t family) {
 }
 
 // The address masked to `len` bits.
+// The first `bits` bits (none below 1, all from 64) of eight bytes as memory holds them.
+uint64_t leadingBits(int bits) {
+  if (bits <= 0) return 0;
+  const uint64_t top = bits >= 64 ? ~uint64_t{0} : ~(~uint64_t{0} >> bits);
+  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap64(top);
+  return top;
+}
+
 Key keyOf(const sockaddr_un* a, int len) {
   Key k{0, 0};
   int n = 0;
   const uint8_t* b = sockaddr_bytes(a, &n);
+  if (n == 16) {
+    // Two words at a time, each masked by its share of the length (memory order).
+    std::memcpy(&k.hi, b, 8);
+    std::memcpy(&k.lo, b + 8, 8);
+    k.hi &= leadingBits(len);
+    k.lo &= leadingBits(len - 64);
+    return k;
+  }
   uint8_t buf[16] = {};
   for (int i = 0; i < n; ++i) {
     int bits = len - 8 * i;

@@ -61,10 +61,15 @@ inline Key4 key4(const sockaddr_un* d, int plen) {
 }
 
 inline Key6 key6(const sockaddr_un* d, int plen) {
-  uint8_t b[16];
+  // Two words at a time: the mask and the address are both in memory order.
   const sockaddr_un* m = sock_mask_by_len(SA_FAMILY_INET6, plen);
-  for (int i = 0; i < 16; ++i) b[i] = d->a_in6.sin6_addr[i] & m->a_in6.sin6_addr[i];
+  uint64_t a[2];
+  uint64_t mask[2];
+  std::memcpy(a, d->a_in6.sin6_addr, 16);
+  std::memcpy(mask, m->a_in6.sin6_addr, 16);
+  a[0] &= mask[0];
+  a[1] &= mask[1];
   Key6 k{{0, 0, 0, 0}, static_cast<uint16_t>(plen), 0};
-  std::memcpy(k.w, b, 16);
+  std::memcpy(k.w, a, 16);
   return k;
 }

@@ -202,11 +202,18 @@ Ip6Addr Ip6Addr::fromString(std::string_view text) {
 }
 
 Ip6Addr Ip6Addr::maskOfLength(int length) {
-  Ip6Addr m;
-  for (int i = 0; i < 16 && length > 0; ++i, length -= 8) {
-    m.b_[i] = length >= 8 ? 0xff : static_cast<std::uint8_t>(0xff << (8 - length));
-  }
-  return m;
+  // Made once: a route's key checks its prefix against the mask of its length at every change.
+  static const auto masks = [] {
+    std::array<Ip6Addr, 129> all{};
+    for (int len = 1; len <= 128; ++len) {
+      for (int i = 0, left = len; i < 16 && left > 0; ++i, left -= 8) {
+        all[static_cast<std::size_t>(len)].b_[i] =
+            left >= 8 ? 0xff : static_cast<std::uint8_t>(0xff << (8 - left));
+      }
+    }
+    return all;
+  }();
+  return masks[static_cast<std::size_t>(std::clamp(length, 0, 128))];
 }
 
 std::uint8_t Ip6Addr::u8(int i) const {
@@ -217,12 +224,6 @@ std::uint8_t Ip6Addr::u8(int i) const {
 void Ip6Addr::u8Is(int i, std::uint8_t v) {
   if (i < 0 || i > 15) throwIndexOutOfRange("Ip6Addr::u8Is");
   b_[i] = v;
-}
-
-Ip6Addr Ip6Addr::operator&(const Ip6Addr& o) const {
-  Ip6Addr r;
-  for (int i = 0; i < 16; ++i) r.b_[i] = b_[i] & o.b_[i];
-  return r;
 }
 
 std::string Ip6Addr::toString() const {

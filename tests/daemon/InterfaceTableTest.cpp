@@ -40,6 +40,14 @@ TEST_F(InterfaceTable, WithdstPicksLongestUpSubnetAndPointToPointPeer) {
   EXPECT_EQ(if_withdst(in4("198.51.100.8")), nullptr);
   EXPECT_EQ(if_withdst(in6("2001:db8::99")), six);
   EXPECT_EQ(if_withdst(in6("2001:db9::1")), nullptr);
+  // IPv6 subnets whose length ends inside the address's first and second half, at a boundary.
+  if_addr* sixty = addAddr(2, in6("2001:db8:1::1"), 60);
+  if_addr* long120 = addAddr(2, in6("2001:db8:2::1"), 120);
+  ASSERT_TRUE(sixty && long120) << misuseText();
+  EXPECT_EQ(if_withdst(in6("2001:db8:1:f::5")), sixty);
+  EXPECT_EQ(if_withdst(in6("2001:db8:1:10::5")), nullptr);
+  EXPECT_EQ(if_withdst(in6("2001:db8:2::ff")), long120);
+  EXPECT_EQ(if_withdst(in6("2001:db8:2::1ff")), nullptr);
   EXPECT_TRUE(p2p->ifa_info.ifi_state & IFS_POINTOPOINT);
   // A point-to-point address whose peer the caller does not know is its own peer.
   if_addr* own = addAddr(3, in4("192.0.2.9"), 24);
