@@ -1,23 +1,31 @@
 // An open-addressing hash index from a prefix key to a record pointer, for the routing table's
 // exact prefix lookups (a million IPv4 prefixes at 12 bytes per slot) and the gateways' trees.
 //
-// Ref says how a slot holds its record: a pointer (PointerRef), or for records of one arena a
+// A slot holds its record through Ref: a pointer (PointerRef), or for records of one arena a
 // 32-bit reference (`using Stored`, `static Stored to(V*)`, `static V* from(Stored)`, with a
-// stored 0 for null), which keeps a slot at the key's size plus four bytes.
+// stored 0 for null). It holds the key in one of two ways:
+// - KeyedSlot keeps the key itself (a slot is the key's size plus the reference), so a hit is
+//   answered from the slot alone;
+// - HashedSlot keeps only the low 32 bits of the key's hash and finds the key through the record
+//   (KeyOf()(record)): 8 bytes a slot whatever the key's size, for keys much larger than the
+//   reference (an IPv6 prefix), at the price of reading the record on a hit. Its records must
+//   stay readable, with their keys unchanged, for as long as they are in the index.
 // Key is a small trivially copyable type with `bool same(const Key&) const` and `uint64_t hash()
 // const` (well mixed: its low 32 bits choose the home slot). Parts of a key that `same` and `hash`
-// ignore are a tag that the owner may keep beside the key and change in place.
+// ignore are a tag that the owner may keep beside the key in a KeyedSlot and change in place.
 // Invariants: a slot is empty exactly when its value is null; linear probing with backward-shift
 // deletion keeps every key reachable from its home slot without tombstones; the load stays at
 // most 3/4. A table grows by half and by a third in turn (16, 24, 32, 48, ... slots), so it is
 // never less than half full once grown; the home slot scales the hash to the table's size. A caller
-// must not insert a null value or a key that is present, must change only the value (never to null)
-// and the tag of a slot that find returned, and must not keep a slot pointer across insert or erase
-// (insert may move every slot, erase moves its neighbours).
+// must not insert a null value or a key that is present, must change only the value (never to null,
+// and in a HashedSlot only to a record of the same key) and the tag of a slot that find returned,
+// and must not keep a slot pointer across insert or erase (insert may move every slot, erase moves
+// its neighbours).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 #include <utility>
 
 #include "fwk/daemon/big_table.h"
@@ -37,17 +45,55 @@ struct PointerRef {
   static V* from(Stored s) { return s; }
 };
 
-// One open-addressing table. Grown on its own, it moves every member in one insert; PrefixIndex
-// below grows into a new table a few runs at a time instead.
-template <typename Key, typename V, typename Ref = PointerRef<V>>
+// The home-slot bits of a key's hash.
+template <typename Key>
+uint32_t prefixHash32(const Key& key) {
+  return static_cast<uint32_t>(key.hash());
+}
+
+template <typename Key_, typename V, typename Ref = PointerRef<V>>
+struct KeyedSlot {
+  using Key = Key_;
+  Key key{};
+  typename Ref::Stored stored{};  // empty slot: 0
+  V* value() const { return Ref::from(stored); }
+  void valueIs(V* v) { stored = Ref::to(v); }
+  static KeyedSlot of(const Key& k, uint32_t, V* v) {
+    KeyedSlot s;
+    s.key = k;
+    s.valueIs(v);
+    return s;
+  }
+  uint32_t hash32() const { return prefixHash32(key); }
+  bool holds(const Key& k, uint32_t) const { return key.same(k); }
+};
+
+template <typename Key_, typename V, typename Ref, typename KeyOf>
+struct HashedSlot {
+  using Key = Key_;
+  uint32_t hash{};
+  typename Ref::Stored stored{};  // empty slot: 0
+  V* value() const { return Ref::from(stored); }
+  void valueIs(V* v) { stored = Ref::to(v); }
+  static HashedSlot of(const Key&, uint32_t h, V* v) {
+    HashedSlot s;
+    s.hash = h;
+    s.valueIs(v);
+    return s;
+  }
+  uint32_t hash32() const { return hash; }
+  bool holds(const Key& k, uint32_t h) const { return hash == h && KeyOf()(value()).same(k); }
+};
+
+// One open-addressing table of slots of type Slot_ (KeyedSlot or HashedSlot). Grown on its own,
+// it moves every member in one insert; PrefixIndex below grows into a new table a few runs at a
+// time instead.
+template <typename Slot_>
 class PrefixIndexTable {
  public:
-  struct Slot {
-    Key key{};
-    typename Ref::Stored stored{};  // empty slot: 0
-    V* value() const { return Ref::from(stored); }
-    void valueIs(V* v) { stored = Ref::to(v); }
-  };
+  using Slot = Slot_;
+  using Key = typename Slot::Key;
+  using V = std::remove_pointer_t<decltype(std::declval<Slot>().value())>;
 
   // The size a table of n slots grows to.
   static std::size_t grownSize(std::size_t n) {
@@ -75,10 +121,11 @@ class PrefixIndexTable {
   // The slot holding `key`, or null.
   Slot* find(const Key& key) {
     if (size_ == 0) return nullptr;
-    for (std::size_t i = home(key);; i = next(i)) {
+    const uint32_t h = prefixHash32(key);
+    for (std::size_t i = home(h);; i = next(i)) {
       Slot& s = slots_[i];
       if (!s.stored) return nullptr;
-      if (s.key.same(key)) return &s;
+      if (s.holds(key, h)) return &s;
     }
   }
 
@@ -87,10 +134,7 @@ class PrefixIndexTable {
 
   void insert(const Key& key, V* value) {
     if (fullFor(1)) grow();
-    Slot slot;
-    slot.key = key;
-    slot.valueIs(value);
-    place(slot);
+    place(Slot::of(key, prefixHash32(key), value));
     ++size_;
   }
 
@@ -102,7 +146,7 @@ class PrefixIndexTable {
     for (std::size_t j = next(i);; j = next(j)) {
       Slot& s = slots_[j];
       if (!s.stored) break;
-      std::size_t h = home(s.key);
+      std::size_t h = home(s.hash32());
       bool between = i <= j ? (h > i && h <= j) : (h > i || h <= j);
       if (between) continue;
       slots_[i] = s;
@@ -155,13 +199,11 @@ class PrefixIndexTable {
 
  private:
   // The low 32 bits of the hash, scaled to the table's size.
-  std::size_t home(const Key& key) const {
-    return static_cast<std::size_t>(((key.hash() & 0xFFFFFFFFu) * n_) >> 32);
-  }
+  std::size_t home(uint32_t h) const { return static_cast<std::size_t>((uint64_t{h} * n_) >> 32); }
   std::size_t next(std::size_t i) const { return i + 1 == n_ ? 0 : i + 1; }
 
   void place(const Slot& slot) {
-    std::size_t i = home(slot.key);
+    std::size_t i = home(slot.hash32());
     while (slots_[i].stored) i = next(i);
     slots_[i] = slot;
   }
@@ -185,11 +227,13 @@ class PrefixIndexTable {
 // move ends long before the new table could fill: it takes at most n/kMovesPerCall calls for an
 // old table of n slots, and the new one has room for n/3 more members than the old held. A slot
 // pointer that find returned is valid until the next call of any of the three.
-template <typename Key, typename V, typename Ref = PointerRef<V>>
+template <typename Slot_>
 class PrefixIndex {
  public:
-  using Table = PrefixIndexTable<Key, V, Ref>;
-  using Slot = typename Table::Slot;
+  using Table = PrefixIndexTable<Slot_>;
+  using Slot = Slot_;
+  using Key = typename Slot::Key;
+  using V = typename Table::V;
   static constexpr std::size_t kMovesPerCall = 32;
 
   Slot* find(const Key& key) {

@@ -15,8 +15,10 @@ using namespace corvd_rt;
 // another gateway that a caller entered with ptree_insert are indexed here. A full table's IPv6
 // routes so cost neither a second index slot nor a second random lookup each.
 struct ptree {
-  gw_entry* owner;                                // the gateway whose tree this is
-  PrefixIndex<Key6, rt_entry, EntryRef> entered;  // held entries of other gateways (tags unused)
+  gw_entry* owner;  // the gateway whose tree this is
+  // Held entries of other gateways (tags unused). Their keys are kept in the slots: an entry
+  // entered here may be deleted while it is held.
+  PrefixIndex<KeyedSlot<Key6, rt_entry, EntryRef>> entered;
 };
 
 namespace {

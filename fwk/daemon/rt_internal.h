@@ -51,6 +51,10 @@ struct EntryRef {
   static Stored to(rt_entry* rt) { return entryArena().refOf(rt); }
   static rt_entry* from(Stored ref) { return static_cast<rt_entry*>(entryArena().at(ref)); }
 };
+// The prefix key of a live entry, for the IPv6 index's slots, which keep only its hash.
+struct EntryKey6 {
+  Key6 operator()(const rt_entry* rt) const { return headKey6(rt->rt_head); }
+};
 // The links of an entry, inside the daemon (rt_entry_next, rt_entry_gw_next for callers).
 inline rt_entry* nextOf(const rt_entry* rt) { return EntryRef::from(rt->rt_next_ref); }
 inline rt_entry* gwNextOf(const rt_entry* rt) { return EntryRef::from(rt->rt_gw_next_ref); }

@@ -56,7 +56,7 @@ struct CrowdedKey {
 };
 
 TEST(PrefixIndexTable, AgreesWithAStandardMapThroughLongWrappedRunsAndGrowsByHalvesAndThirds) {
-  PrefixIndexTable<CrowdedKey, int> index;
+  PrefixIndexTable<KeyedSlot<CrowdedKey, int>> index;
   std::unordered_map<int, int> ref;
   std::vector<int> values(200);
   std::mt19937 rng(11);
@@ -84,7 +84,7 @@ TEST(PrefixIndexTable, AgreesWithAStandardMapThroughLongWrappedRunsAndGrowsByHal
   }
 
   // Sizes: 16 slots, then each growth by a half or a third, at the first insert past 3/4 full.
-  using Table = PrefixIndexTable<CrowdedKey, int>;
+  using Table = PrefixIndexTable<KeyedSlot<CrowdedKey, int>>;
   Table grown;
   std::vector<std::size_t> sizes;
   for (int k = 0; k < 200; ++k) {
@@ -106,13 +106,21 @@ struct SpreadKey {
   uint64_t hash() const { return prefixHashMix(static_cast<uint64_t>(k)); }
 };
 
-// While the index grows, members live in two tables; each insert moves whole runs from the old
+// A crowded key found through its record: the record is the key's number.
+struct CrowdedKeyOf {
+  CrowdedKey operator()(const int* v) const { return CrowdedKey{*v}; }
+};
+
+// While the index grows, members live in two tables; each call moves whole runs from the old
 // one. Crowded keys make runs that wrap around the old table's end and are broken up by erasures
-// meanwhile; spread keys show that a growth spans several inserts, each moving a bounded share.
-TEST(PrefixIndex, KeepsEveryMemberFindableWhileItGrowsAFewRunsAtATime) {
-  PrefixIndex<CrowdedKey, int> crowded;
+// meanwhile, and share their hashes' low bits, which a slot keeping only those bits must tell
+// apart through the record.
+template <class Slot>
+void checkCrowdedWhileGrowing() {
+  PrefixIndex<Slot> crowded;
   std::unordered_map<int, int> ref;
   std::vector<int> values(400);
+  for (int k = 0; k < 400; ++k) values[static_cast<std::size_t>(k)] = k;
   std::mt19937 rng(5);
   int growingSteps = 0;
   for (int step = 0; step < 20000; ++step) {
@@ -139,8 +147,15 @@ TEST(PrefixIndex, KeepsEveryMemberFindableWhileItGrowsAFewRunsAtATime) {
     }
   }
   EXPECT_GT(growingSteps, 0);
+}
 
-  using Spread = PrefixIndex<SpreadKey, int>;
+// Spread keys show that a growth spans several calls, each moving a bounded share, and that
+// lookups alone finish it.
+TEST(PrefixIndex, KeepsEveryMemberFindableWhileItGrowsAFewRunsAtATime) {
+  checkCrowdedWhileGrowing<KeyedSlot<CrowdedKey, int>>();
+  checkCrowdedWhileGrowing<HashedSlot<CrowdedKey, int, PointerRef<int>, CrowdedKeyOf>>();
+
+  using Spread = PrefixIndex<KeyedSlot<SpreadKey, int>>;
   constexpr std::size_t kMoves = Spread::kMovesPerCall;
   Spread spread;
   std::vector<int> many(100000);
