@@ -31,7 +31,7 @@ void* bigTableAlloc(std::size_t bytes) {
     auto* first = static_cast<unsigned char*>(raw);
     const auto skip = (kHugePage - reinterpret_cast<std::uintptr_t>(first) % kHugePage) % kHugePage;
     if (skip) munmap(first, skip);
-    if (kHugePage > skip) munmap(first + skip + size, kHugePage - skip);
+    munmap(first + skip + size, kHugePage - skip);  // skip is less than a huge page
     // Where huge pages are off the advice is refused and the table simply has 4 KB pages.
     madvise(first + skip, size, MADV_HUGEPAGE);
     mapped += bytes;

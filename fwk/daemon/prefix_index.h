@@ -20,7 +20,7 @@
 // must not insert a null value or a key that is present, must change only the value (never to null,
 // and in a HashedSlot only to a record of the same key) and the tag of a slot that find returned,
 // and must not keep a slot pointer across insert or erase (insert may move every slot, erase moves
-// its neighbours).
+// its neighbours), nor, in a PrefixIndex that is growing, across another find.
 #pragma once
 
 #include <cstddef>
