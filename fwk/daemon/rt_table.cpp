@@ -402,7 +402,7 @@ rt_entry* rt_locate(uint64_t, const sockaddr_un* dest, const sockaddr_un* mask,
   if (plen < 0 || !bits) return nullptr;
   First first = findFirst(dest, plen);
   if (!first.entry) return nullptr;
-  // The index knows the first entry's protocol: the usual hit reads neither head nor entry.
+  // The first entry's protocol comes with it: an IPv4 hit reads neither head nor entry.
   for (int i = 0; i < bits->rtb_n; ++i) {
     if (bits->rtb_proto[i] == first.proto) return first.entry;
   }
