@@ -100,7 +100,6 @@ FamilyIndex* indexOf(uint8_t family) {
   return nullptr;
 }
 
-// The address masked to `len` bits.
 // The first `bits` bits (none below 1, all from 64) of eight bytes as memory holds them.
 uint64_t leadingBits(int bits) {
   if (bits <= 0) return 0;
@@ -109,30 +108,20 @@ uint64_t leadingBits(int bits) {
   return top;
 }
 
+// The address masked to `len` bits, a word at a time. An IPv4 address goes in lo, behind 64
+// bits that its length then also counts.
 Key keyOf(const sockaddr_un* a, int len) {
-  Key k{0, 0};
   int n = 0;
   const uint8_t* b = sockaddr_bytes(a, &n);
-  if (n == 16) {
-    // Two words at a time, each masked by its share of the length (memory order).
-    std::memcpy(&k.hi, b, 8);
-    std::memcpy(&k.lo, b + 8, 8);
-    k.hi &= leadingBits(len);
-    k.lo &= leadingBits(len - 64);
-    return k;
-  }
+  const int at = n == 4 ? 8 : 0;
+  if (at) len += 64;
   uint8_t buf[16] = {};
-  for (int i = 0; i < n; ++i) {
-    int bits = len - 8 * i;
-    uint8_t m = bits >= 8 ? 0xFF : bits <= 0 ? 0 : static_cast<uint8_t>(0xFF << (8 - bits));
-    buf[i] = b[i] & m;
-  }
-  if (n == 4) {
-    std::memcpy(&k.lo, buf, 4);
-  } else {
-    std::memcpy(&k.hi, buf, 8);
-    std::memcpy(&k.lo, buf + 8, 8);
-  }
+  if (b) std::memcpy(buf + at, b, static_cast<std::size_t>(std::min(n, 16 - at)));
+  Key k{0, 0};
+  std::memcpy(&k.hi, buf, 8);
+  std::memcpy(&k.lo, buf + 8, 8);
+  k.hi &= leadingBits(len);
+  k.lo &= leadingBits(len - 64);
   return k;
 }
 

@@ -130,10 +130,10 @@ class PrefixIndexTable {
   }
 
   // Whether one more member would take the table past 3/4 full.
-  bool fullFor(std::size_t more) const { return (size_ + more) * 4 > n_ * 3; }
+  bool full() const { return (size_ + 1) * 4 > n_ * 3; }
 
   void insert(const Key& key, V* value) {
-    if (fullFor(1)) grow();
+    if (full()) grow();
     place(Slot::of(key, prefixHash32(key), value));
     ++size_;
   }
@@ -242,21 +242,19 @@ class PrefixIndex {
     return old_.find(key);
   }
   void insert(const Key& key, V* value) {
-    if (growing()) {
-      moveSome();
-    } else if (table_.fullFor(1)) {
+    if (!growing() && table_.full()) {
       old_ = std::move(table_);
       table_ = Table(Table::grownSize(old_.slots()));
       at_ = old_.firstEmpty();
-      moveSome();
     }
+    if (growing()) moveSome();
     table_.insert(key, value);
   }
   bool erase(const Key& key) {
     if (growing()) moveSome();
     if (table_.erase(key)) return true;
     if (!old_.erase(key)) return false;
-    if (!old_.size()) old_.clear();
+    freeOldIfEmpty();
     return true;
   }
   // Whether an old table is still being emptied into the current one.
@@ -272,6 +270,10 @@ class PrefixIndex {
  private:
   void moveSome() {
     at_ = old_.moveRuns(table_, at_, kMovesPerCall);
+    freeOldIfEmpty();
+  }
+  // The growth ends when the old table is empty.
+  void freeOldIfEmpty() {
     if (!old_.size()) old_.clear();
   }
 

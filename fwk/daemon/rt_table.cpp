@@ -60,6 +60,11 @@ struct Heads {
 // and head that its caller, which locates a route to change or delete it, reads next anyway.
 using Index4 = PrefixIndex<KeyedSlot<Key4, rt_entry, EntryRef>>;
 using Index6 = PrefixIndex<HashedSlot<Key6, rt_entry, EntryRef, EntryKey6>>;
+// Whether an index's slots keep their keys, with the first entry's protocol as the tag.
+template <typename Index>
+constexpr bool keepsKey = requires(typename Index::Slot s) {
+  s.key.setTag(0);
+};
 
 struct Table {
   Index4 v4;
@@ -84,7 +89,7 @@ template <typename Index>
 First firstIn(Index& index, const typename Index::Key& key) {
   auto* slot = index.find(key);
   if (!slot) return First{nullptr, 0};
-  if constexpr (requires { slot->key.tag(); }) {
+  if constexpr (keepsKey<Index>) {
     return First{slot->value(), slot->key.tag()};
   } else {
     return First{slot->value(), slot->value()->rt_gwp->gw_proto};
@@ -102,14 +107,13 @@ void syncSlot(Index& index, typename Index::Key key, rt_entry* was, rt_entry* fi
     index.erase(key);
     return;
   }
-  constexpr bool keyed = requires(typename Index::Slot s) { s.key.setTag(0); };
-  if constexpr (keyed) key.setTag(first->rt_gwp->gw_proto);
+  if constexpr (keepsKey<Index>) key.setTag(first->rt_gwp->gw_proto);
   if (!was) {
     index.insert(key, first);
     return;
   }
   auto* slot = index.find(key);
-  if constexpr (keyed) slot->key = key;
+  if constexpr (keepsKey<Index>) slot->key = key;
   slot->valueIs(first);
 }
 
