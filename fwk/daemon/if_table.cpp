@@ -108,18 +108,19 @@ uint64_t leadingBits(int bits) {
   return top;
 }
 
-// The address masked to `len` bits, a word at a time. An IPv4 address goes in lo, behind 64
-// bits that its length then also counts.
+// The address masked to `len` bits, a word at a time: IPv6 in hi then lo, IPv4 in lo behind 64
+// bits that its length then also counts. Anything else (an unusable address) is the empty key.
 Key keyOf(const sockaddr_un* a, int len) {
   int n = 0;
   const uint8_t* b = sockaddr_bytes(a, &n);
-  const int at = n == 4 ? 8 : 0;
-  if (at) len += 64;
-  uint8_t buf[16] = {};
-  if (b) std::memcpy(buf + at, b, static_cast<std::size_t>(std::min(n, 16 - at)));
   Key k{0, 0};
-  std::memcpy(&k.hi, buf, 8);
-  std::memcpy(&k.lo, buf + 8, 8);
+  if (n == 16) {
+    std::memcpy(&k.hi, b, 8);
+    std::memcpy(&k.lo, b + 8, 8);
+  } else if (n == 4) {
+    std::memcpy(&k.lo, b, 4);
+    len += 64;
+  }
   k.hi &= leadingBits(len);
   k.lo &= leadingBits(len - 64);
   return k;
