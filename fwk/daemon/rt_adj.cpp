@@ -81,7 +81,16 @@ void refDel(rt_entry* rt, int j) {
   refs[pos] = refs[last];
   refs.pop_back();
   at[j] = kOffList;  // so that refGateway cannot take it for a later one
-  if (refs.empty()) freeList(a);
+  if (refs.empty()) {
+    freeList(a);
+    return;
+  }
+  // The next removal from this list moves its new last entry, whose gateway set it then reads:
+  // in a withdrawal of many routes that entry was added long ago and is out of the cache, so its
+  // lines are asked for now, a few removals ahead of their use.
+  const rt_adjacency* next = &EntryRef::from(refs.back())->rt_adj;
+  __builtin_prefetch(next);
+  __builtin_prefetch(&next->adj_ifaps);
 }
 
 // Bytes of a separately stored adjacency of n gateways.
