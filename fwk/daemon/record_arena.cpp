@@ -133,6 +133,18 @@ void RecordArena::returnEmptied() {
   emptied_.clear();
 }
 
+const void* RecordArena::following(const void* rec) const {
+  const auto offset = static_cast<std::size_t>(static_cast<const unsigned char*>(rec) - base_);
+  std::size_t page = pageOf(rec);
+  std::size_t slot = offset % pageSize_ / recordSize_ + 1;
+  if (slot == perPage_) {
+    ++page;
+    slot = 0;
+  }
+  if (page >= highWater_) return nullptr;
+  return base_ + page * pageSize_ + slot * recordSize_;
+}
+
 RecordArena::State RecordArena::state(const void* p) const {
   const auto* b = static_cast<const unsigned char*>(p);
   if (!base_ || b < base_ || b >= base_ + pageCount_ * pageSize_) return State::foreign;

@@ -42,6 +42,10 @@ class RecordArena {
   // The record is gone; `rec` must come from take() and not be given back twice.
   void give(void* rec);
   State state(const void* p) const;
+  // The record slot after `rec` in the order records are taken, when its page has been opened
+  // (its memory reads as a record, live or gone, or as zeros); else null. For hints: a caller
+  // that goes through records in the order they were taken can look one ahead.
+  const void* following(const void* rec) const;
 
   // Emptied pages are held back until at least kReturnBatch, and at least 1/kReturnShare of the
   // pages still held, wait to go back to the system.

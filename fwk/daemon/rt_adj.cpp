@@ -89,8 +89,8 @@ void refDel(rt_entry* rt, int j) {
   // in a withdrawal of many routes that entry was added long ago and is out of the cache, so its
   // lines are asked for now, a few removals ahead of their use.
   const rt_adjacency* next = &EntryRef::from(refs.back())->rt_adj;
-  __builtin_prefetch(next);
-  __builtin_prefetch(&next->adj_ifaps);
+  prefetchLine(next);
+  prefetchLine(&next->adj_ifaps);
 }
 
 // Bytes of a separately stored adjacency of n gateways.

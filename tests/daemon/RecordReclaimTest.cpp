@@ -192,3 +192,25 @@ TEST(RecordArenaBatches, ALargeArenaHoldsBackAnEighthOfItsPages) {
 }
 
 }  // namespace
+
+// following() names the record taken after a given one, across the end of a page, and nothing
+// past the last page opened (whose memory the arena has not touched).
+TEST(RecordArenaOrder, FollowingNamesTheNextRecordTakenUpToTheLastOpenedPage) {
+  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  constexpr std::size_t kRecord = 72;  // a page's end is not a record's
+  const std::size_t perPage = page / kRecord;
+  RecordArena arena(kRecord, 64 * page);
+  std::vector<const void*> recs;
+  for (std::size_t i = 0; i < perPage + 3; ++i) recs.push_back(arena.take());
+  for (std::size_t i = 0; i + 1 < recs.size(); ++i) {
+    EXPECT_EQ(arena.following(recs[i]), recs[i + 1]) << "record " << i;
+  }
+  // Within the last page opened, the slot after the last record taken is the next one taken.
+  const void* next = arena.following(recs.back());
+  recs.push_back(arena.take());
+  EXPECT_EQ(next, recs.back());
+  while (recs.size() < 2 * perPage) recs.push_back(arena.take());
+  EXPECT_EQ(arena.following(recs.back()), nullptr);  // the third page is not opened yet
+  const void* third = arena.take();
+  EXPECT_EQ(arena.following(recs.back()), third);
+}
