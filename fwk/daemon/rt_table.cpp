@@ -117,15 +117,21 @@ void syncSlot(Index& index, typename Index::Key key, rt_entry* was, rt_entry* fi
   slot->valueIs(first);
 }
 
+// Calls f(index, key) with the index of the prefix `h`'s family and the prefix's key.
+template <typename F>
+void withIndex(const rt_head* h, F&& f) {
+  if (!h->rth_inet6) {
+    f(t.v4, headKey4(h));
+  } else {
+    f(t.v6, headKey6(h));
+  }
+}
+
 // Brings the index in step after the first entry of `h` changed from `was` (null for a new
 // prefix) to rth_routes (null when the prefix is empty: it leaves the index).
 void syncFirst(rt_head* h, rt_entry* was) {
   if (h->rth_routes == was) return;
-  if (!h->rth_inet6) {
-    syncSlot(t.v4, headKey4(h), was, h->rth_routes);
-  } else {
-    syncSlot(t.v6, headKey6(h), was, h->rth_routes);
-  }
+  withIndex(h, [&](auto& index, auto key) { syncSlot(index, key, was, h->rth_routes); });
 }
 
 rt_head* makeHead(const sockaddr_un* dest, int plen) {
@@ -262,6 +268,12 @@ void reorder(rt_entry* rt) {
 }
 
 void removeEntry(rt_entry* rt) {
+  // A table is mostly emptied in the order it was filled (a protocol withdrawing its routes goes
+  // through them in the order its input holds them, the order they were added in; a gateway's
+  // queue is in that order too), which is the order of the entry records: the next record's
+  // prefix is likely the next one looked up, so the line of its index slot is asked for once
+  // this entry is gone, a lookup's miss ahead of that lookup.
+  const auto* next = static_cast<const rt_entry*>(entryArena().following(rt));
   rt_head* h = rt->rt_head;
   rt_entry* was = h->rth_routes;
   unlinkFromHead(rt);
@@ -275,7 +287,11 @@ void removeEntry(rt_entry* rt) {
   rt->rt_head = nullptr;  // gone (rt_entry_alive)
   rt->rt_gwp = nullptr;
   --t.liveEntries;
-  entryArena().give(rt);  // last: its page may be returned
+  entryArena().give(rt);  // its page may be returned: nothing reads it after this
+  // A next record on a returned page reads as zeros, with no head.
+  if (next && next->rt_head) {
+    withIndex(next->rt_head, [](auto& index, const auto& key) { index.prefetch(key); });
+  }
 }
 
 }  // namespace corvd_rt
@@ -384,20 +400,7 @@ rt_entry* rt_change_s(rt_entry* rt, rt_change_parms* rtcp) {
 void rt_delete(rt_entry* rt) {
   ++corvd_calls[CORVD_FN_rt_delete];
   if (!inBracket("rt_delete") || !entryAlive(rt, "rt_delete")) return;
-  // A table is mostly emptied in the order it was filled (a protocol withdrawing its routes goes
-  // through them in the order its input holds them, the order they were added in), which is the
-  // order of the entry records: the next record's prefix is likely the next one looked up, so
-  // the line of its index slot is asked for now, a lookup's miss ahead of that lookup.
-  const auto* next = static_cast<const rt_entry*>(entryArena().following(rt));
   removeEntry(rt);
-  if (next && next->rt_head) {
-    const rt_head* h = next->rt_head;
-    if (!h->rth_inet6) {
-      t.v4.prefetch(headKey4(h));
-    } else {
-      t.v6.prefetch(headKey6(h));
-    }
-  }
 }
 
 rt_head* rt_table_locate(const sockaddr_un* dest, const sockaddr_un* mask) {
