@@ -561,9 +561,11 @@ class HashMap {
     }
     settle();
   }
-  // After an erase: tombstones at the front go at once, the others when they pile up.
+  // After an erase: tombstones at the front go at once, the others when they pile up. With no
+  // tombstone and a live member, the front is live and nothing is to go: no walk to the front
+  // (a drain erases a key at a time).
   void settle() {
-    if (iterators_ == 0) trimHead();
+    if (iterators_ == 0 && (dead_ != 0 || live_ == 0)) trimHead();
     maybePurge();
   }
   void maybePurge() {

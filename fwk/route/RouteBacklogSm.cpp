@@ -58,21 +58,28 @@ void RouteBacklogSmT<Traits>::doAddBacklog(const Key& key) {
 // the key out), the route collection's slot, its node, and the route itself. The keys to come are
 // the backlog's next members in order, so it asks for them ahead: slots 12 keys ahead, the
 // route's node 6 keys ahead (its slot fetched meanwhile), the route 2 keys ahead. These
-// are hints only: what the drain reads and does is the same. Each scout moves one member a key,
-// as the drain takes the first member out each time.
+// are hints only: what the drain reads and does is the same. One scout walks the order, one
+// member a key as the drain takes the first member out each time; the nearer hints reuse the keys
+// it named earlier instead of walking the order again.
 template <class Traits>
 template <class Keys, class Routes>
 void RouteBacklogSmT<Traits>::prefetchAhead(const Keys& keys, const Routes& routes,
                                             Scouts<Keys>& scouts) {
-  if (const Key* far = scouts.far.step(keys)) {
+  using S = Scouts<Keys>;
+  const std::size_t at = scouts.step % S::kFar;
+  const Key* far = scouts.far.step(keys);
+  scouts.held[at] = far != nullptr;
+  if (far) {
+    scouts.named[at] = *far;
     keys.prefetchSlot(*far);
     routes.prefetchSlot(*far);
   }
-  if (const Key* near = scouts.near.step(keys)) routes.prefetchNode(*near);
-  if (const Key* close = scouts.close.step(keys)) {
+  if (const Key* near = scouts.namedAgo(S::kFar - S::kNear)) routes.prefetchNode(*near);
+  if (const Key* close = scouts.namedAgo(S::kFar - S::kClose)) {
     const auto* route = routes.prefetchNode(*close);
     if (route && route->ptr()) Kel::prefetch(route->ptr());
   }
+  ++scouts.step;
 }
 
 template <class Traits>
@@ -88,7 +95,8 @@ void RouteBacklogSmT<Traits>::handleBacklog() {
   const auto& routes = routeInput()->routeCollection();
   Scouts<std::remove_cvref_t<decltype(keys)>> scouts;
   while (backlog.backlogCount() != 0) {
-    const Key key = backlog.backlogIterator().key();
+    // The first member, read without a walk (a walk alive would keep erased members around).
+    const Key key = *keys.peek(0);
     prefetchAhead(keys, routes, scouts);
     backlog.backlogDel(key);
     if (!std::getenv(kTestEnvironment)) {

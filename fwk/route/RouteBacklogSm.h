@@ -16,6 +16,9 @@
 // Callers must not call doAddRoute / doDeleteRoute outside an rt_open/rt_close bracket.
 #pragma once
 
+#include <array>
+#include <cstddef>
+
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Attributes.h"
@@ -111,10 +114,22 @@ class RouteBacklogSmT : public Kel::Reactor {
   double backlogClockTimeMin() const { return kelBacklogClock_.timeMin(); }
 
  private:
-  // Where the drain's hints stand in the backlog: 12, 6 and 2 keys ahead of the first.
+  // Where the drain's hints stand in the backlog: one scout 12 keys ahead of the first, and the
+  // keys it named 6 and 10 steps ago, now 6 and 2 keys ahead (copies: a hint may name a key
+  // that has left the backlog meanwhile, never memory that has).
   template <class Keys>
   struct Scouts {
-    typename Keys::Scout far{12}, near{6}, close{2};
+    static constexpr std::size_t kFar = 12, kNear = 6, kClose = 2;
+    typename Keys::Scout far{kFar};
+    std::array<Key, kFar> named{};
+    std::array<bool, kFar> held{};
+    std::size_t step = 0;
+    // The key the far scout named `back` steps ago, if it named one.
+    const Key* namedAgo(std::size_t back) const {
+      if (step < back) return nullptr;
+      const std::size_t at = (step - back) % kFar;
+      return held[at] ? &named[at] : nullptr;
+    }
   };
   template <class Keys, class Routes>
   void prefetchAhead(const Keys& keys, const Routes& routes, Scouts<Keys>& scouts);
