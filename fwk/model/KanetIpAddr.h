@@ -134,7 +134,15 @@ class Ip6Addr {
     std::memcpy(r.b_.data(), a, sizeof a);
     return r;
   }
-  friend bool operator==(const Ip6Addr&, const Ip6Addr&) = default;
+  // Word by word as well: the defaulted comparison calls the C library's memcmp, and a route's
+  // key is compared at every lookup that finds it.
+  friend bool operator==(const Ip6Addr& a, const Ip6Addr& b) {
+    std::uint64_t x[2];
+    std::uint64_t y[2];
+    std::memcpy(x, a.b_.data(), sizeof x);
+    std::memcpy(y, b.b_.data(), sizeof y);
+    return ((x[0] ^ y[0]) | (x[1] ^ y[1])) == 0;
+  }
   friend auto operator<=>(const Ip6Addr&, const Ip6Addr&) = default;
   friend std::ostream& operator<<(std::ostream& os, const Ip6Addr& a) { return os << a.toString(); }
 

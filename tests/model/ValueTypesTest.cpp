@@ -120,6 +120,25 @@ TEST(AddressParsers, AgreeWithInetPtonOnMangledTexts) {
   }
 }
 
+// Equality compares the address a word at a time: every bit of both halves counts, and it
+// agrees with the byte order that <=> gives.
+TEST(AddressTypes, Ip6EqualityTellsEveryBit) {
+  std::mt19937 rng(5);
+  for (int i = 0; i < 200; ++i) {
+    const Ip6Addr a = randomIp6(rng);
+    Ip6Addr same;
+    for (int b = 0; b < 16; ++b) same.u8Is(b, a.u8(b));
+    ASSERT_TRUE(a == same);
+    for (int bit = 0; bit < 128; ++bit) {
+      Ip6Addr other = a;
+      other.u8Is(bit / 8, static_cast<std::uint8_t>(a.u8(bit / 8) ^ (0x80 >> (bit % 8))));
+      ASSERT_FALSE(a == other) << bit;
+      ASSERT_TRUE(a != other) << bit;
+      ASSERT_EQ(a < other, a.bytes() < other.bytes()) << bit;
+    }
+  }
+}
+
 TEST(AddressTypes, IndexOutOfRangeRaisesExactTexts) {
   Ip6Addr a;
   a.u8Is(15, 7);
