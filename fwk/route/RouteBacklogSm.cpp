@@ -66,11 +66,10 @@ template <class Keys, class Routes>
 void RouteBacklogSmT<Traits>::prefetchAhead(const Keys& keys, const Routes& routes,
                                             Scouts<Keys>& scouts) {
   using S = Scouts<Keys>;
-  const std::size_t at = scouts.step % S::kFar;
-  const Key* far = scouts.far.step(keys);
-  scouts.held[at] = far != nullptr;
-  if (far) {
-    scouts.named[at] = *far;
+  auto& named = scouts.named[scouts.step % S::kFar];
+  named.reset();
+  if (const Key* far = scouts.far.step(keys)) {
+    named = *far;
     keys.prefetchSlot(*far);
     routes.prefetchSlot(*far);
   }

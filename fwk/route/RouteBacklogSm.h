@@ -18,6 +18,7 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
 
 #include "fwk/daemon/corvd.h"
 #include "fwk/framework/ActivityManager.h"
@@ -121,14 +122,13 @@ class RouteBacklogSmT : public Kel::Reactor {
   struct Scouts {
     static constexpr std::size_t kFar = 12, kNear = 6, kClose = 2;
     typename Keys::Scout far{kFar};
-    std::array<Key, kFar> named{};
-    std::array<bool, kFar> held{};
+    std::array<std::optional<Key>, kFar> named{};  // by step, modulo kFar
     std::size_t step = 0;
-    // The key the far scout named `back` steps ago, if it named one.
+    // The key the far scout named `back` (< kFar) steps ago, if it named one (none before the
+    // drain's first steps: those places are not written yet).
     const Key* namedAgo(std::size_t back) const {
-      if (step < back) return nullptr;
-      const std::size_t at = (step - back) % kFar;
-      return held[at] ? &named[at] : nullptr;
+      const auto& k = named[(step + kFar - back) % kFar];
+      return k ? &*k : nullptr;
     }
   };
   template <class Keys, class Routes>

@@ -191,8 +191,6 @@ TEST(RecordArenaBatches, ALargeArenaHoldsBackAnEighthOfItsPages) {
   EXPECT_LT(held(), RecordArena::kReturnBatch);
 }
 
-}  // namespace
-
 // following() names the record taken after a given one, across the end of a page, and nothing
 // past the last page opened (whose memory the arena has not touched).
 TEST(RecordArenaOrder, FollowingNamesTheNextRecordTakenUpToTheLastOpenedPage) {
@@ -214,3 +212,5 @@ TEST(RecordArenaOrder, FollowingNamesTheNextRecordTakenUpToTheLastOpenedPage) {
   const void* third = arena.take();
   EXPECT_EQ(arena.following(recs.back()), third);
 }
+
+}  // namespace
