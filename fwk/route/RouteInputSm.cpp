@@ -20,13 +20,23 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
   kelInputsIs(name, routeInput, kernelIntfStatusDir, intfStatusManager);
   kelRouteInput_.notifierIs(routeInput);
   if (!routeInput) return;
-  // The sweep walks the input's routes in order; each costs misses that do not depend on the
-  // route before it, so the lines of the route kPrefetchAhead further on are asked for early and
-  // the misses overlap. The adapters' index is sized once for the whole input.
+  // The adapters' index is sized once for the whole input. The adapters themselves are made by
+  // the first handleInitialized, which the factory runs before it returns: together with the
+  // sweep that queues every key when the input has a protocol, in the same walk.
   routeReserve(routeInput->routeCount());
+  adaptersPending_ = true;
+}
+
+// The sweep walks the input's routes in order; each costs misses that do not depend on the route
+// before it, so the lines of the route kPrefetchAhead further on are asked for early and the
+// misses overlap. With `queue`, each route's key is also queued, right after its adapter is made.
+template <class Traits>
+void RouteInputSmT<Traits>::makeAdapters(bool queue) {
+  adaptersPending_ = false;
+  const auto* keys = queue ? &routeBacklog()->backlogCollection() : nullptr;
   Kel::forEachAhead(
-      routeInput->routeCollection(),
-      [this](const Key& key, const auto& route) {
+      routeInput()->routeCollection(),
+      [this, queue, keys](const Key& key, const auto& route) {
         // routeIs reads the route's key, counts a reference in it and registers with it (its
         // first two lines), then finds and fills the key's slot of the adapters' index.
         if (const Route* next = route.ptr()) {
@@ -34,9 +44,11 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
           Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
         }
         routeCollection().prefetchRun(key);
+        if (queue) keys->prefetchRun(key);
       },
-      [this](const Key&, const auto& route) {
+      [this, queue](const Key& key, const auto& route) {
         if (route) routeIs(route);
+        if (queue) handleRoute(key);
       });
 }
 
@@ -93,7 +105,10 @@ void RouteInputSmT<Traits>::handleInitialized() {
   IRI_SIGNATURE("void ", Traits::routeInputSmType, "::handleInitialized()");
   IRI_TRACE_BEGIN();
   const auto proto = routeInput()->routingProto();
-  if (proto == 0) return;
+  if (proto == 0) {
+    if (adaptersPending_) makeAdapters(false);
+    return;
+  }
   IRI_TRACE(0, "Intitiating gateway for protocol " << Traits::gatewayName(name(), *routeInput()));
   gwpIs(gw_init(nullptr, proto, fwk_task, 0, 0, nullptr, kGatewayFlags));
   routeBacklogIs(Kel::Name(name()));
@@ -116,6 +131,10 @@ void RouteInputSmT<Traits>::handleRoute() {
   // Every key of the input is about to enter the backlog: size its index once, instead of
   // doubling it (and moving every slot) about twenty times inside this one call.
   routeBacklog()->backlogReserve(routeBacklog()->backlogCount() + routeInput()->routeCount());
+  if (adaptersPending_) {
+    makeAdapters(true);
+    return;
+  }
   const auto& keys = routeBacklog()->backlogCollection();
   Kel::forEachAhead(
       routeInput()->routeCollection(),

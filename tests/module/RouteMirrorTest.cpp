@@ -160,6 +160,13 @@ TEST_F(RouteMirror, RouteInputReactorsFollowTheDirectory) {
   EXPECT_FALSE(sm->routeBacklogSm());
   EXPECT_EQ(corvd_call_count("gw_init"), 0u);
   EXPECT_TRUE(daemonRoutes(8).empty());
+  // Uninitialized, it watches the route all the same: a change is seen, and dropped.
+  EXPECT_EQ(sm->routeCount(), 1u);
+  bgp->route(key("203.0.113.0/24"))->tagIs(5);
+  EXPECT_EQ(traced("void InterfaceRouteInfo::RouteInputSm::handleRoute(const Routing::RouteKey&)"
+                   " uninitialized",
+                   8),
+            1);
 
   bgp->routingProtoIs(8);  // now it starts, and catches up on the existing route
   run();
