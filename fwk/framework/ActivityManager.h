@@ -1,7 +1,8 @@
 // Kel::ActivityManager: the process-wide activity loop, its main clock and its time source.
-// Time: a pluggable TimeSource. RealTimeSource (the default) reads the monotonic steady clock in
-// seconds; ManualTimeSource is set by hand, and with a step set it advances by that step on every
-// read of now(), so code that bounds its work with Kel::now() can be tested deterministically.
+// Time: a pluggable TimeSource. RealTimeSource (the default) reads the system's monotonic clock
+// in seconds, through MonotonicClock (cheap enough to read after every key of a drain);
+// ManualTimeSource is set by hand, and with a step set it advances by that step on every read of
+// now(), so code that bounds its work with Kel::now() can be tested deterministically.
 // The loop's own bookkeeping reads the time with current(), which never steps.
 // Loop:
 // - runOnce() makes one pass: it fires the armings that are due (time <= current time) when the
@@ -25,13 +26,13 @@
 // A manager must outlive its clocks (the process-wide one is never destroyed). Single-threaded.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
 #include "fwk/framework/Clock.h"
+#include "fwk/framework/MonotonicClock.h"
 #include "fwk/framework/Ptr.h"
 #include "fwk/framework/Time.h"
 
@@ -48,11 +49,11 @@ class TimeSource {
 
 class RealTimeSource final : public TimeSource {
  public:
-  double now() override { return current(); }
-  double current() const override {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-  }
+  double now() override { return clock_.seconds(); }
+  double current() const override { return clock_.seconds(); }
+
+ private:
+  mutable MonotonicClock clock_;
 };
 
 class ManualTimeSource final : public TimeSource {

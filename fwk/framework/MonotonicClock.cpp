@@ -1,0 +1,53 @@
+#include "fwk/framework/MonotonicClock.h"
+
+#include <chrono>
+
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
+
+namespace Kel {
+
+namespace {
+// A pair of reads (counter, system clock, counter) whose counter reads are further apart than
+// this was split by a preemption or an interrupt: the clock's time cannot be placed on the
+// counter, and the pair is not used. About 10 to 50 microseconds at the counters' rates.
+constexpr std::uint64_t kPairTicks = 50000;
+
+bool invariantCounter() {
+#if defined(__x86_64__) || defined(__i386__)
+  unsigned a = 0, b = 0, c = 0, d = 0;
+  return __get_cpuid(0x80000007, &a, &b, &c, &d) != 0 && (d & (1u << 8)) != 0;
+#else
+  return false;
+#endif
+}
+}  // namespace
+
+MonotonicClock::MonotonicClock() : usable_(invariantCounter()) {}
+
+double MonotonicClock::systemSeconds() {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+double MonotonicClock::resync() {
+  ++systemReads_;
+  if (!usable_) return settled(systemSeconds());
+  const std::uint64_t before = counter();
+  const double s = systemSeconds();
+  const std::uint64_t after = counter();
+  if (after < before || after - before > kPairTicks) return settled(s);
+  const std::uint64_t ticks = before + (after - before) / 2;
+  if (firstTicks_ == 0) {
+    firstTicks_ = ticks;
+    firstSeconds_ = s;
+  } else if (s - firstSeconds_ >= kSpan && ticks > firstTicks_) {
+    rate_ = (s - firstSeconds_) / static_cast<double>(ticks - firstTicks_);
+    spanTicks_ = static_cast<std::uint64_t>(kSpan / rate_);
+  }
+  anchorTicks_ = ticks;
+  anchorSeconds_ = s;
+  return settled(s);
+}
+
+}  // namespace Kel
