@@ -24,7 +24,7 @@ bool invariantCounter() {
 }
 }  // namespace
 
-MonotonicClock::MonotonicClock() : usable_(invariantCounter()) {}
+MonotonicClock::MonotonicClock(double window) : usable_(invariantCounter()), window_(window) {}
 
 double MonotonicClock::systemSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -37,14 +37,25 @@ double MonotonicClock::resync() {
   const double s = systemSeconds();
   const std::uint64_t after = counter();
   if (after < before || after - before > kPairTicks) return settled(s);
-  const std::uint64_t ticks = before + (after - before) / 2;
-  if (firstTicks_ == 0) {
-    firstTicks_ = ticks;
-    firstSeconds_ = s;
-  } else if (s - firstSeconds_ >= kSpan && ticks > firstTicks_) {
-    rate_ = (s - firstSeconds_) / static_cast<double>(ticks - firstTicks_);
-    spanTicks_ = static_cast<std::uint64_t>(kSpan / rate_);
+  const Pair now{s, before + (after - before) / 2};
+  if (older_.ticks == 0 || now.ticks <= older_.ticks) {
+    // The first pair, or a counter that went back (a virtual machine moved to another host):
+    // the rate is measured afresh.
+    older_ = newer_ = now;
+    spanTicks_ = 0;
+  } else {
+    if (now.seconds - older_.seconds >= kSpan) {
+      rate_ = (now.seconds - older_.seconds) / static_cast<double>(now.ticks - older_.ticks);
+      spanTicks_ = static_cast<std::uint64_t>(kSpan / rate_);
+    }
+    // The rate is measured over the last one to two windows, so a change of the counter's rate
+    // is followed within two.
+    if (now.seconds - newer_.seconds >= window_) {
+      older_ = newer_;
+      newer_ = now;
+    }
   }
+  const std::uint64_t ticks = now.ticks;
   anchorTicks_ = ticks;
   anchorSeconds_ = s;
   return settled(s);
