@@ -37,11 +37,8 @@ RecordArena::RecordArena(std::size_t recordSize, std::size_t reserveBytes)
 
 void RecordArena::reserve() {
   pageSize_ = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  if (!std::has_single_bit(pageSize_)) fail("page size not a power of two");
   if (recordSize_ == 0 || recordSize_ > pageSize_) fail("record larger than a page");
-  pageShift_ = static_cast<unsigned>(std::countr_zero(pageSize_));
   perPage_ = pageSize_ / recordSize_;
-  recordMagic_ = ((std::uint64_t{1} << 32) + recordSize_ - 1) / recordSize_;
   unitShift_ = static_cast<unsigned>(std::countr_zero(recordSize_ | pageSize_));
   // Every record's reference fits 32 bits, 0 left for null.
   reserveBytes_ = std::min(reserveBytes_, std::size_t{0xFFFFFFFE} << unitShift_);
@@ -90,12 +87,12 @@ void RecordArena::openPage() {
 }
 
 void* RecordArena::take() {
-  Page* held = started_ ? findPage(current_) : nullptr;
-  if (!held || held->handedOut == perPage_) {
+  auto it = started_ ? pages_.find(current_) : pages_.end();
+  if (it == pages_.end() || it->second.handedOut == perPage_) {
     openPage();
-    held = findPage(current_);
+    it = pages_.find(current_);
   }
-  Page& page = *held;
+  Page& page = it->second;
   unsigned char* rec = base_ + current_ * pageSize_ + page.handedOut * recordSize_;
   ++page.handedOut;
   ++page.live;
@@ -105,35 +102,18 @@ void* RecordArena::take() {
 }
 
 std::size_t RecordArena::pageOf(const void* p) const {
-  return static_cast<std::size_t>(static_cast<const unsigned char*>(p) - base_) >> pageShift_;
-}
-
-std::size_t RecordArena::slotOf(std::size_t within) const {
-  // Exact for offsets below 2^16: the multiplier exceeds 2^32 / recordSize_ by less than one
-  // part in 2^32 / recordSize_, too little to carry any such offset's quotient to the next one.
-  if (pageSize_ <= (std::size_t{1} << 16)) return (within * recordMagic_) >> 32;
-  return within / recordSize_;
-}
-
-RecordArena::Page* RecordArena::findPage(std::size_t index) const {
-  if (index == lastIndex_) return lastPage_;
-  auto it = pages_.find(index);
-  if (it == pages_.end()) return nullptr;
-  lastIndex_ = index;
-  lastPage_ = const_cast<Page*>(&it->second);
-  return lastPage_;
+  return static_cast<std::size_t>(static_cast<const unsigned char*>(p) - base_) / pageSize_;
 }
 
 void RecordArena::give(void* rec) {
   const std::size_t index = pageOf(rec);
-  Page* found = findPage(index);
-  if (!found || found->live == 0) fail("record given back twice");
-  Page& page = *found;
+  auto it = pages_.find(index);
+  if (it == pages_.end() || it->second.live == 0) fail("record given back twice");
+  Page& page = it->second;
   --page.live;
   --live_;
   if (page.live != 0 || page.handedOut != perPage_) return;
-  if (index == lastIndex_) lastIndex_ = kNoPage;
-  pages_.erase(index);
+  pages_.erase(it);
   emptied_.push_back(index);
   if (emptied_.size() >= kReturnBatch && emptied_.size() >= pages_.size() / kReturnShare) {
     returnEmptied();
@@ -156,7 +136,7 @@ void RecordArena::returnEmptied() {
 const void* RecordArena::following(const void* rec) const {
   const auto offset = static_cast<std::size_t>(static_cast<const unsigned char*>(rec) - base_);
   std::size_t page = pageOf(rec);
-  std::size_t slot = slotOf(offset & (pageSize_ - 1)) + 1;
+  std::size_t slot = offset % pageSize_ / recordSize_ + 1;
   if (slot == perPage_) {
     ++page;
     slot = 0;
@@ -168,11 +148,10 @@ const void* RecordArena::following(const void* rec) const {
 RecordArena::State RecordArena::state(const void* p) const {
   const auto* b = static_cast<const unsigned char*>(p);
   if (!base_ || b < base_ || b >= base_ + pageCount_ * pageSize_) return State::foreign;
-  const std::size_t within = static_cast<std::size_t>(b - base_) & (pageSize_ - 1);
-  const std::size_t slot = slotOf(within);
-  if (slot * recordSize_ != within || slot >= perPage_) return State::foreign;
+  const std::size_t within = static_cast<std::size_t>(b - base_) % pageSize_;
+  if (within % recordSize_ != 0 || within / recordSize_ >= perPage_) return State::foreign;
   const std::size_t index = pageOf(p);
-  const Page* page = findPage(index);
-  if (!page) return index < highWater_ ? State::returned : State::foreign;
-  return slot < page->handedOut ? State::held : State::foreign;
+  auto it = pages_.find(index);
+  if (it == pages_.end()) return index < highWater_ ? State::returned : State::foreign;
+  return within / recordSize_ < it->second.handedOut ? State::held : State::foreign;
 }

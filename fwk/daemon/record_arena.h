@@ -80,19 +80,12 @@ class RecordArena {
   void reserve();
   void openPage();
   std::size_t pageOf(const void* p) const;
-  // The record slot at byte `within` of its page (rounded down), without a division.
-  std::size_t slotOf(std::size_t within) const;
-  // The held page `index`, or null. The last one found is remembered: records are given back
-  // and checked mostly in the order they were taken, a page's worth in a row.
-  Page* findPage(std::size_t index) const;
   void returnEmptied();
 
   static inline std::size_t bytesHeldAll_ = 0;
   std::size_t recordSize_;
   std::size_t reserveBytes_;
   std::size_t pageSize_ = 0;
-  unsigned pageShift_ = 0;
-  std::uint64_t recordMagic_ = 0;  // 2^32 / recordSize_, rounded up (slotOf)
   std::size_t perPage_ = 0;
   std::size_t pageCount_ = 0;
   unsigned char* base_ = nullptr;
@@ -103,8 +96,5 @@ class RecordArena {
   [[maybe_unused]] std::size_t registered_ = 0;  // bytes registered with LeakSanitizer
   std::size_t live_ = 0;
   std::unordered_map<std::size_t, Page> pages_;  // held pages by index
-  static constexpr std::size_t kNoPage = ~std::size_t{0};
-  mutable std::size_t lastIndex_ = kNoPage;  // findPage's last page (element addresses are
-  mutable Page* lastPage_ = nullptr;         // stable until the element is erased)
-  std::vector<std::size_t> emptied_;         // forgotten pages not yet returned
+  std::vector<std::size_t> emptied_;             // forgotten pages not yet returned
 };
