@@ -1,6 +1,8 @@
 #include "fwk/framework/MonotonicClock.h"
 
 #include <chrono>
+#include <fstream>
+#include <string>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <cpuid.h>
@@ -22,9 +24,18 @@ bool invariantCounter() {
   return false;
 #endif
 }
+// Whether the system keeps its own time with the counter: then reading it is cheap and its ticks
+// agree across processors (a system that distrusts it, or a virtual machine that makes reading
+// it a trap, keeps time with another source).
+bool systemCountsWithIt() {
+  std::ifstream in("/sys/devices/system/clocksource/clocksource0/current_clocksource");
+  std::string source;
+  return static_cast<bool>(in >> source) && source == "tsc";
+}
 }  // namespace
 
-MonotonicClock::MonotonicClock(double window) : usable_(invariantCounter()), window_(window) {}
+MonotonicClock::MonotonicClock(double window)
+    : usable_(invariantCounter() && systemCountsWithIt()), window_(window) {}
 
 double MonotonicClock::systemSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();

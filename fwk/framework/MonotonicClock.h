@@ -1,14 +1,16 @@
 // Kel::MonotonicClock: the system's monotonic clock in seconds, cheap enough to read after every
-// key of a drain. Where the processor's time-stamp counter runs at one rate whatever the core's
-// power state (x86 "invariant TSC"), a read within kSpan of the last read of the system clock is
-// that read's time plus the counter's ticks since, at the rate measured over the last one to two
-// windows (a second each by default): a third of the system clock's cost, which orders the
-// counter's read among the surrounding instructions (a bound on a batch of work needs no such
-// order).
+// key of a drain.
+//
+// Where the processor's time-stamp counter runs at one rate whatever the core's power state (x86
+// "invariant TSC") and the system keeps its own time with it, a read within kSpan of the last
+// read of the system clock is that read's time plus the counter's ticks since, at the rate
+// measured over the last one to two windows (a second each by default): a third of the system
+// clock's cost, which orders the counter's read among the surrounding instructions (a bound on a
+// batch of work needs no such order).
+//
 // Guarantees: it never goes backwards; it stays within a few microseconds of the system clock (a
 // read of both that a preemption split is not used); until the rate is known (the clock's first
-// kSpan, and again after the counter went back), and on processors without such a counter, every
-// read is the system clock's.
+// kSpan, and again after the counter went back), and elsewhere, every read is the system clock's.
 // One thread: a clock is read by the loop that owns it.
 #pragma once
 
