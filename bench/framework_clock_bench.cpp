@@ -1,5 +1,6 @@
-// Arming and firing clocks: notifiees on the main clock, and light clocks on a timer wheel built
-// as the interface backlog builds its own (10 ms ticks, 30000 ticks, order preserved).
+// Reading the time; arming and firing clocks: notifiees on the main clock, and light clocks on a
+// timer wheel built as the interface backlog builds its own (10 ms ticks, 30000 ticks, order
+// preserved).
 #include <benchmark/benchmark.h>
 
 #include <cstdint>
@@ -9,6 +10,8 @@
 
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Clock.h"
+#include "fwk/framework/MonotonicClock.h"
+#include "fwk/framework/Time.h"
 #include "fwk/framework/TimerWheel.h"
 
 namespace {
@@ -34,6 +37,19 @@ std::vector<double> times(std::size_t n, double span) {
 }
 
 // n notifiees armed at spread times, then fired by the loop.
+// One read of the real time, as a drain makes after every key: the framework's clock, and the
+// system's monotonic clock it stands for.
+void timeRead(benchmark::State& state) {
+  Kel::activityManager()->realTimeIs();
+  for (auto _ : state) benchmark::DoNotOptimize(Kel::now());
+}
+BENCHMARK(timeRead);
+
+void systemTimeRead(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(Kel::MonotonicClock::systemSeconds());
+}
+BENCHMARK(systemTimeRead);
+
 void mainClockArmThenFire(benchmark::State& state) {
   const auto n = static_cast<std::size_t>(state.range(0));
   Kel::ActivityManager* am = Kel::activityManager();
