@@ -36,7 +36,6 @@ std::vector<double> times(std::size_t n, double span) {
   return v;
 }
 
-// n notifiees armed at spread times, then fired by the loop.
 // One read of the real time, as a drain makes after every key: the framework's clock, and the
 // system's monotonic clock it stands for.
 void timeRead(benchmark::State& state) {
@@ -50,6 +49,7 @@ void systemTimeRead(benchmark::State& state) {
 }
 BENCHMARK(systemTimeRead);
 
+// n notifiees armed at spread times, then fired by the loop.
 void mainClockArmThenFire(benchmark::State& state) {
   const auto n = static_cast<std::size_t>(state.range(0));
   Kel::ActivityManager* am = Kel::activityManager();

@@ -66,8 +66,7 @@ double MonotonicClock::resync() {
       newer_ = now;
     }
   }
-  const std::uint64_t ticks = now.ticks;
-  anchorTicks_ = ticks;
+  anchorTicks_ = now.ticks;
   anchorSeconds_ = s;
   return settled(s);
 }

@@ -71,9 +71,9 @@ class MonotonicClock {
   double window_;
   Pair older_;
   Pair newer_;
-  double rate_ = 0;  // seconds per tick
-  std::uint64_t spanTicks_ = 0;
-  std::uint64_t systemReads_ = 0;  // kSpan in ticks; 0 until the rate is known
+  double rate_ = 0;              // seconds per tick
+  std::uint64_t spanTicks_ = 0;  // kSpan in ticks; 0 until the rate is known
+  std::uint64_t systemReads_ = 0;
 };
 
 }  // namespace Kel
