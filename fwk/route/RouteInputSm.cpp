@@ -1,6 +1,8 @@
 // The route input reactor: gateway and backlogs per protocol, one key queued per route change.
 #include "fwk/route/RouteInputSm.h"
 
+#include <utility>
+
 #include "fwk/ModuleSupport.h"
 #include "fwk/framework/ActivityManager.h"
 #include "fwk/framework/Prefetch.h"
@@ -21,33 +23,36 @@ RouteInputSmT<Traits>::RouteInputSmT(const Kel::String8& name, const RouteInputP
   kelRouteInput_.notifierIs(routeInput);
   if (!routeInput) return;
   // The adapters' index is sized once for the whole input. The adapters themselves are made by
-  // the first handleInitialized, which the factory runs before it returns: together with the
-  // sweep that queues every key when the input has a protocol, in the same walk.
+  // the first handleInitialized, which the factory runs before it returns: in the walk that
+  // queues every key when the input has a protocol (sweep).
   routeReserve(routeInput->routeCount());
   adaptersPending_ = true;
 }
 
-// The sweep walks the input's routes in order; each costs misses that do not depend on the route
-// before it, so the lines of the route kPrefetchAhead further on are asked for early and the
-// misses overlap. With `queue`, each route's key is also queued, right after its adapter is made.
+// The walks over the input's routes, in order: making the adapters still to be made, queuing
+// every key (handleRoute(key)), or both in one walk. Each route costs misses that do not depend
+// on the route before it, so the lines of the route kPrefetchAhead further on are asked for early
+// and the misses overlap.
 template <class Traits>
-void RouteInputSmT<Traits>::makeAdapters(bool queue) {
-  adaptersPending_ = false;
+void RouteInputSmT<Traits>::sweep(bool queue) {
+  const bool adapters = std::exchange(adaptersPending_, false);
   const auto* keys = queue ? &routeBacklog()->backlogCollection() : nullptr;
   Kel::forEachAhead(
       routeInput()->routeCollection(),
-      [this, queue, keys](const Key& key, const auto& route) {
-        // routeIs reads the route's key, counts a reference in it and registers with it (its
-        // first two lines), then finds and fills the key's slot of the adapters' index.
-        if (const Route* next = route.ptr()) {
-          Kel::prefetch(next);
-          Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
+      [this, adapters, keys](const Key& key, const auto& route) {
+        if (adapters) {
+          // routeIs reads the route's key, counts a reference in it and registers with it (its
+          // first two lines), then finds and fills the key's slot of the adapters' index.
+          if (const Route* next = route.ptr()) {
+            Kel::prefetch(next);
+            Kel::prefetch(reinterpret_cast<const char*>(next) + 64);
+          }
+          routeCollection().prefetchRun(key);
         }
-        routeCollection().prefetchRun(key);
-        if (queue) keys->prefetchRun(key);
+        if (keys) keys->prefetchRun(key);
       },
-      [this, queue](const Key& key, const auto& route) {
-        if (route) routeIs(route);
+      [this, adapters, queue](const Key& key, const auto& route) {
+        if (adapters && route) routeIs(route);
         if (queue) handleRoute(key);
       });
 }
@@ -106,7 +111,7 @@ void RouteInputSmT<Traits>::handleInitialized() {
   IRI_TRACE_BEGIN();
   const auto proto = routeInput()->routingProto();
   if (proto == 0) {
-    if (adaptersPending_) makeAdapters(false);
+    if (adaptersPending_) sweep(false);
     return;
   }
   IRI_TRACE(0, "Intitiating gateway for protocol " << Traits::gatewayName(name(), *routeInput()));
@@ -131,15 +136,7 @@ void RouteInputSmT<Traits>::handleRoute() {
   // Every key of the input is about to enter the backlog: size its index once, instead of
   // doubling it (and moving every slot) about twenty times inside this one call.
   routeBacklog()->backlogReserve(routeBacklog()->backlogCount() + routeInput()->routeCount());
-  if (adaptersPending_) {
-    makeAdapters(true);
-    return;
-  }
-  const auto& keys = routeBacklog()->backlogCollection();
-  Kel::forEachAhead(
-      routeInput()->routeCollection(),
-      [&keys](const Key& key, const auto&) { keys.prefetchRun(key); },
-      [this](const Key& key, const auto&) { handleRoute(key); });
+  sweep(true);
 }
 
 template <class Traits>

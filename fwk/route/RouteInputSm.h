@@ -104,9 +104,9 @@ class RouteInputSmT : public Kel::Reactor {
  private:
   // Names this reactor to its route adapters, none of which is made before it.
   Kel::Handle<RouteInputSmT> handle_{this};
-  // Makes an adapter for every route of the input, in order, each followed by queuing its key
-  // when `queue` (handleRoute(key)).
-  void makeAdapters(bool queue);
+  // One walk over the input's routes, in order: makes each route's adapter while they are still
+  // to be made, then, when `queue`, queues its key (handleRoute(key)).
+  void sweep(bool queue);
   // The input's adapters are still to be made (from construction to the first handleInitialized).
   bool adaptersPending_ = false;
   KelRouteInput kelRouteInput_{this};
