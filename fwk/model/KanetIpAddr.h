@@ -115,9 +115,15 @@ class Ip6Addr {
   // a hash needs no byte order, two loads are a tenth of the instructions of sixteen shifts, and
   // the defaulted comparison would call the C library's memcmp. Inline: an IPv6 route's key is
   // hashed and compared several times a change.
+  // The hash folds the halves into one word (an odd multiply keeps it one-to-one in each half),
+  // moves its high half down, and spreads it by the high and low halves of one 128-bit product:
+  // 8 instructions inlined, where two rounds of mix64 took 26 in a call of their own.
   std::size_t hash() const {
     const Halves h = halves();
-    return mix64(h[0] ^ mix64(h[1]));
+    std::uint64_t x = h[0] * 0x9E3779B97F4A7C15ull ^ h[1];
+    x ^= x >> 32;
+    const unsigned __int128 p = static_cast<unsigned __int128>(x) * 0xbf58476d1ce4e5b9ULL;
+    return static_cast<std::uint64_t>(p) ^ static_cast<std::uint64_t>(p >> 64);
   }
   Ip6Addr operator&(const Ip6Addr& o) const {
     Halves a = halves();

@@ -257,17 +257,29 @@ void expectSpread(const std::vector<Key>& keys) {
 TEST(RouteKey, HashSpreadsSequentialPrefixes) {
   constexpr std::uint32_t kCount = 1u << 20;
   std::vector<Routing::RouteKey> slash24, hosts;
-  std::vector<Routing6::RouteKey> slash64;
+  std::vector<Routing6::RouteKey> slash64, slash48, hosts6;
   for (std::uint32_t i = 0; i < kCount; ++i) {
     slash24.emplace_back(IpAddr(0x0a000000 + (i << 8)), 24);
     hosts.emplace_back(IpAddr(0x0b000000 + i), 32);
+    // The counter in the high half's last bytes, its first bytes, and the low half.
     Ip6Addr a = Ip6Addr::fromString("2001:db8::");
-    for (int b = 0; b < 4; ++b) a.u8Is(4 + b, static_cast<std::uint8_t>(i >> (24 - 8 * b)));
+    Ip6Addr b = Ip6Addr::fromString("2001::");
+    Ip6Addr h = Ip6Addr::fromString("2001:db8:0:1::");
+    for (int j = 0; j < 4; ++j) {
+      const auto byte = static_cast<std::uint8_t>(i >> (24 - 8 * j));
+      a.u8Is(4 + j, byte);
+      b.u8Is(2 + j, byte);
+      h.u8Is(12 + j, byte);
+    }
     slash64.emplace_back(a, 64);
+    slash48.emplace_back(b, 48);
+    hosts6.emplace_back(h, 128);
   }
   expectSpread(slash24);
   expectSpread(hosts);
   expectSpread(slash64);
+  expectSpread(slash48);
+  expectSpread(hosts6);
   // Same address, different lengths: distinct keys, distinct hashes.
   EXPECT_NE(std::hash<Routing::RouteKey>()(Routing::RouteKey(IpAddr(0x0a000000), 8)),
             std::hash<Routing::RouteKey>()(Routing::RouteKey(IpAddr(0x0a000000), 16)));
