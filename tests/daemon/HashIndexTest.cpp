@@ -1,14 +1,19 @@
 // The daemon's hash indexes (FlatMap, PrefixIndexTable) against std::unordered_map: random inserts
 // and erasures with a hash that folds keys onto few home slots, so probe runs are long, wrap
 // around the end of the array and are broken up by erasures (the backward shift must keep every
-// key findable); and the prefix index's sizes as it grows, and its growth a few runs at a time.
+// key findable); the prefix index's sizes as it grows, and its growth a few runs at a time; and
+// the routing table's keys spread over the home slots when they come in sequence.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <random>
 #include <unordered_map>
+#include <vector>
 
 #include "fwk/daemon/flat_map.h"
 #include "fwk/daemon/prefix_index.h"
+#include "fwk/daemon/prefix_key.h"
 
 namespace {
 
@@ -194,6 +199,47 @@ TEST(PrefixIndex, KeepsEveryMemberFindableWhileItGrowsAFewRunsAtATime) {
     auto* s = spread.find(SpreadKey{k});
     ASSERT_TRUE(s && s->value() == &many[static_cast<std::size_t>(k)]) << "key " << k;
   }
+}
+
+// The routing table's keys over as many home slots as keys, chosen as the index chooses them:
+// sequential prefixes must land as random ones would (about 1/e of the homes empty, no long
+// pile-up), or a table of a million of them crawls through probe runs.
+template <class Key>
+void expectHomesSpread(const std::vector<Key>& keys) {
+  const std::size_t n = keys.size();
+  std::vector<unsigned> load(n);
+  for (const Key& k : keys) ++load[(uint64_t{prefixHash32(k)} * n) >> 32];
+  const auto empty = static_cast<double>(std::count(load.begin(), load.end(), 0u));
+  EXPECT_LT(*std::max_element(load.begin(), load.end()), 16u);
+  EXPECT_NEAR(empty / static_cast<double>(n), 0.368, 0.01);
+}
+
+TEST(PrefixKey, SequentialPrefixesSpreadOverTheHomeSlots) {
+  constexpr uint32_t kCount = 1u << 20;
+  std::vector<Key4> slash24, hosts;
+  std::vector<Key6> slash64, slash48, hosts6;
+  // An IPv6 key from its bytes in network order, the counter's four bytes at `at`.
+  auto six = [](std::initializer_list<uint8_t> head, int at, uint32_t i, int plen) {
+    uint8_t b[16]{};
+    std::copy(head.begin(), head.end(), b);
+    for (int j = 0; j < 4; ++j) b[at + j] = static_cast<uint8_t>(i >> (24 - 8 * j));
+    Key6 k{};
+    std::memcpy(k.w, b, 16);
+    k.plen = static_cast<uint16_t>(plen);
+    return k;
+  };
+  for (uint32_t i = 0; i < kCount; ++i) {
+    slash24.push_back(Key4{__builtin_bswap32(0x0a000000 + (i << 8)), 24u << 16});
+    hosts.push_back(Key4{__builtin_bswap32(0x0b000000 + i), 32u << 16});
+    slash64.push_back(six({0x20, 0x01, 0x0d, 0xb8}, 4, i, 64));
+    slash48.push_back(six({0x20, 0x01}, 2, i, 48));
+    hosts6.push_back(six({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 1}, 12, i, 128));
+  }
+  expectHomesSpread(slash24);
+  expectHomesSpread(hosts);
+  expectHomesSpread(slash64);
+  expectHomesSpread(slash48);
+  expectHomesSpread(hosts6);
 }
 
 }  // namespace
