@@ -50,7 +50,8 @@ struct Key6 {
            plen == o.plen;
   }
   // The halves folded into one word (one-to-one in each), its high half moved down, then spread
-  // by the high and low halves of one 128-bit product: a third of two rounds of the mix.
+  // by the high and low halves of one 128-bit product: a third of the instructions of two rounds
+  // of prefixHashMix.
   uint64_t hash() const {
     uint64_t x = hi() * 0x9E3779B97F4A7C15ull ^ (lo() + plen);
     x ^= x >> 32;
