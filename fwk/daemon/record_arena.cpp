@@ -72,7 +72,10 @@ void RecordArena::openPage() {
     started_ = true;
     pages_.emplace(next, Page{});
     bytesHeldAll_ += pageSize_;
-    if (next + 1 > highWater_) highWater_ = next + 1;
+    if (next >= highWater_) {
+      backAhead(next);
+      highWater_ = next + 1;
+    }
 #ifdef CORVD_LSAN
     const std::size_t end = (next + 1) * pageSize_;
     while (registered_ < end) {
@@ -84,6 +87,16 @@ void RecordArena::openPage() {
     return;
   }
   fail("every page holds a live record");
+}
+
+void RecordArena::backAhead([[maybe_unused]] std::size_t page) {
+#if defined(__linux__) && defined(MADV_POPULATE_WRITE)
+  if (page < backedTo_) return;
+  const std::size_t n =
+      std::min({std::max<std::size_t>(highWater_, 1), kBackAhead, pageCount_ - page});
+  madvise(base_ + page * pageSize_, n * pageSize_, MADV_POPULATE_WRITE);
+  backedTo_ = page + n;
+#endif
 }
 
 void* RecordArena::take() {

@@ -21,6 +21,12 @@
 // the process's (all daemon instances share it, so no instance can see another's stale record as
 // its own live one) and is never unmapped: records still live at exit stay readable, and under
 // LeakSanitizer the used part is registered as a root region, so what they point to is not a leak.
+//
+// Pages never opened before are backed ahead of their first write, in one request for as many as
+// the arena has opened so far and at most kBackAhead: a page fault traps into the system, and on
+// a virtual machine the trap costs more than the page. Where the system cannot, they are backed
+// as they are first written; either way nothing changes for the program but time (and at most
+// kBackAhead - 1 pages resident before their turn, which bytesHeldAll does not count).
 #pragma once
 
 #include <cstddef>
@@ -79,9 +85,11 @@ class RecordArena {
   };
   void reserve();
   void openPage();
+  void backAhead(std::size_t page);
   std::size_t pageOf(const void* p) const;
   void returnEmptied();
 
+  static constexpr std::size_t kBackAhead = 16;  // pages backed in one request, at most
   static inline std::size_t bytesHeldAll_ = 0;
   std::size_t recordSize_;
   std::size_t reserveBytes_;
@@ -92,6 +100,7 @@ class RecordArena {
   unsigned unitShift_ = 0;                       // of refOf
   std::size_t current_ = 0;                      // page records are taken from
   std::size_t highWater_ = 0;                    // pages below it have been opened at least once
+  std::size_t backedTo_ = 0;                     // pages below it have been backed ahead
   bool started_ = false;                         // a page has been opened
   [[maybe_unused]] std::size_t registered_ = 0;  // bytes registered with LeakSanitizer
   std::size_t live_ = 0;
