@@ -114,10 +114,9 @@ class Ip6Addr {
   // Hashing, masking and comparing work on the two halves as the machine holds them (halves()):
   // a hash needs no byte order, two loads are a tenth of the instructions of sixteen shifts, and
   // the defaulted comparison would call the C library's memcmp. Inline: an IPv6 route's key is
-  // hashed and compared several times a change.
-  // The hash folds the halves into one word (an odd multiply keeps it one-to-one in each half),
-  // moves its high half down, and spreads it by the high and low halves of one 128-bit product:
-  // 8 instructions, a third of two rounds of mix64, and small enough to be inlined everywhere.
+  // hashed and compared several times a change. The hash folds the halves into one word (an odd
+  // multiply keeps it one-to-one in each half), moves its high half down, and spreads it by the
+  // high and low halves of one 128-bit product: 8 instructions, a third of two rounds of mix64.
   std::size_t hash() const {
     const Halves h = halves();
     std::uint64_t x = h[0] * 0x9E3779B97F4A7C15ull ^ h[1];

@@ -51,9 +51,9 @@ void RouteInputSmT<Traits>::sweep(bool queue) {
         }
         if (keys) keys->prefetchRun(key);
       },
-      [this, adapters, queue](const Key& key, const auto& route) {
+      [this, adapters, keys](const Key& key, const auto& route) {
         if (adapters && route) routeIs(route);
-        if (queue) handleRoute(key);
+        if (keys) handleRoute(key);
       });
 }
 
