@@ -1,10 +1,11 @@
 // What the full-scale benchmarks share: the bytes the process holds (live heap bytes counted by
 // the program's own operator new/delete, plus the daemon's record pages and the collections'
 // large blocks, which have mappings of their own; include this header in
-// exactly one file of a benchmark program), process CPU and wall time, and a run of the activity
-// loop on the real clock that times every pass.
+// exactly one file of a benchmark program), process CPU and wall time, the pages the system has
+// backed for it, and a run of the activity loop on the real clock that times every pass.
 #pragma once
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +67,15 @@ inline double cpuSeconds() {
   timespec ts{};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
   return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+// The process's minor faults so far: every page the system backed for it, on a trap at its first
+// touch or ahead of it on request (a populated range counts its pages), a huge page as one.
+// Fresh memory costs about as much as the work on it on a virtual machine, so comparing this
+// count between two runs tells whether they differ in the memory they touched or in its price.
+inline long long minorFaults() {
+  rusage ru{};
+  getrusage(RUSAGE_SELF, &ru);
+  return ru.ru_minflt;
 }
 inline double wallSeconds() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();

@@ -25,6 +25,7 @@ namespace {
 
 using namespace InterfaceRouteInfo;
 using BenchSupport::cpuSeconds;
+using BenchSupport::minorFaults;
 using BenchSupport::processBytes;
 using BenchSupport::runUntil;
 using BenchSupport::wallSeconds;
@@ -134,6 +135,7 @@ void mirror(benchmark::State& state) {
 
     // Mirror: the input appears in the directory; the module queues and drains every route.
     const long long beforeMirror = processBytes();
+    const long long f0 = minorFaults();
     const double w0 = wallSeconds();
     const double c0 = cpuSeconds();
     (V6 ? dir6 : dir)->entityPtrIs(Kel::Name("bgp"), in);
@@ -142,6 +144,7 @@ void mirror(benchmark::State& state) {
         runUntil([&] { return rt_entry_count() == static_cast<std::size_t>(n); });
     const double mirrorWall = wallSeconds() - w0;
     const double mirrorCpu = cpuSeconds() - c0;
+    const long long mirrorFaults = minorFaults() - f0;
     const long long moduleDaemonBytes = processBytes() - beforeMirror;
     const long long resident = BenchSupport::residentBytes();
     if (rt_entry_count() != static_cast<std::size_t>(n)) state.SkipWithError("not all mirrored");
@@ -154,6 +157,7 @@ void mirror(benchmark::State& state) {
         inputSm->unresolvedRouteBacklog()->backlogCollection().heapBytes();
 
     // Withdraw every route and run until the table is empty.
+    const long long f1 = minorFaults();
     const double w1 = wallSeconds();
     const double c1 = cpuSeconds();
     in->routeDelAll();
@@ -161,6 +165,7 @@ void mirror(benchmark::State& state) {
     const double withdrawLongest = runUntil([&] { return rt_entry_count() == 0; });
     const double withdrawWall = wallSeconds() - w1;
     const double withdrawCpu = cpuSeconds() - c1;
+    const long long withdrawFaults = minorFaults() - f1;
 
     const auto sm = inputSm->routeBacklogSm();
     state.counters["mirror_wall_s"] = mirrorWall;
@@ -171,6 +176,8 @@ void mirror(benchmark::State& state) {
     state.counters["withdraw_wall_s"] = withdrawWall;
     state.counters["withdraw_cpu_ns_per_route"] = withdrawCpu * 1e9 / static_cast<double>(n);
     state.counters["withdraw_longest_slice_ms"] = withdrawLongest * 1e3;
+    state.counters["mirror_minor_faults"] = static_cast<double>(mirrorFaults);
+    state.counters["withdraw_minor_faults"] = static_cast<double>(withdrawFaults);
     state.counters["batches"] = sm ? sm->backlogCount() : 0;
     // The longest time the thread was held at once anywhere: the scan that queues every key of
     // the new input, the publisher's routeDelAll (one notification per key inside one call), and
