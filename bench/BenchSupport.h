@@ -70,8 +70,9 @@ inline double cpuSeconds() {
 }
 // The process's minor faults so far: every page the system backed for it, on a trap at its first
 // touch or ahead of it on request (a populated range counts its pages), a huge page as one.
-// Fresh memory costs about as much as the work on it on a virtual machine, so comparing this
-// count between two runs tells whether they differ in the memory they touched or in its price.
+// Backing a page takes microseconds on a virtual machine, and its price varies from hour to
+// hour, so comparing this count between two runs tells whether they differ in the memory they
+// touched or in what it cost.
 inline long long minorFaults() {
   rusage ru{};
   getrusage(RUSAGE_SELF, &ru);
